@@ -1,0 +1,13 @@
+#!/bin/sh
+# Installs what is missing, builds, and runs every test: the optimised build,
+# then the ASan+UBSan build with short fuzz runs.
+set -eu
+cd "$(dirname "$0")"
+scripts/install-deps.sh test
+for preset in default asan; do
+  echo "==> $preset build"
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset"
+  echo "==> $preset tests"
+  ctest --preset "$preset"
+done
