@@ -14,6 +14,10 @@ Each line is   kind digest r s v address   with the byte strings in hex
   ...            the other kinds are inputs that the recovery treats
                  specially; see cases() below
 
+It also writes restore_address_seeds/: a few of these cases as seed inputs
+of the fuzz target fuzz_restore_address (v, then digest, r and s of 32 bytes
+each: the 97-byte shape that the target compares with libsecp256k1).
+
 For every line, address is what the recovery algorithm gives: a direct
 transcription of it in plain integers (reference_recover) on top of
 python3-ecdsa's point arithmetic. For sig and key1 lines the script asserts
@@ -232,7 +236,11 @@ def main():
     rng = random.Random(0x5EC9256B1)
     here = os.path.dirname(os.path.abspath(__file__))
     lines = []
+    seeds = []
     for kind, digest, r, s, v, expected in cases(rng):
+        if (kind in ("sig", "other-parity", "r-not-x", "v-above-1") and len(digest) == 32 and
+                len(r) == 32 and len(s) == 32 and sum(1 for seed in seeds if seed[0] == kind) < 2):
+            seeds.append((kind, bytes([v]) + digest + r + s))
         address = reference_recover(digest, r, s, v)
         if expected is not None:
             assert address == expected, (kind, digest.hex(), r.hex(), s.hex(), v)
@@ -246,6 +254,11 @@ def main():
         f.write("# Made by make_recover_vectors.py.\n")
         f.write("# kind digest r s v address   (hex, '-' for empty; v decimal)\n")
         f.writelines(lines)
+    seed_dir = os.path.join(here, "restore_address_seeds")
+    os.makedirs(seed_dir, exist_ok=True)
+    for i, (kind, seed) in enumerate(seeds):
+        with open(os.path.join(seed_dir, "%02d-%s" % (i, kind)), "wb") as f:
+            f.write(seed)
 
 
 if __name__ == "__main__":
