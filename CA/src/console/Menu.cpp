@@ -6,6 +6,7 @@
 #include <json/reader.h>
 
 #include <chrono>
+#include <cstdio>
 #include <fstream>
 #include <iomanip>
 #include <iostream>
@@ -152,8 +153,11 @@ int Menu::selectItem() {
     std::cin >> word;
     if (std::cin.fail()) {
       // Nothing was read: end of input or a stream error. Keep the stream
-      // usable and wait before the next attempt instead of spinning.
+      // usable and wait before the next attempt instead of spinning. The C
+      // stream under std::cin keeps its own end-of-file mark, which would
+      // make every later read fail at once, so it is cleared too.
       std::cin.clear();
+      std::clearerr(stdin);
       std::this_thread::sleep_for(kEndOfInputPause);
     }
     try {
