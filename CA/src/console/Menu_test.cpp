@@ -51,6 +51,13 @@ std::string writeFile(const std::string& name, const std::string& text) {
   return path;
 }
 
+// Builds a menu and drops it; for the cases where only the constructor's
+// verdict matters.
+void construct(const Json::Value& document) {
+  Menu menu(document);
+  (void)menu;
+}
+
 const char* const kExample = R"({
   "Keystore test": {
     "entry": {
@@ -147,7 +154,7 @@ TEST_F(MenuTest, DefaultReaderAcceptsComments) {
 // ---- validating the document ----------------------------------------------------
 
 TEST_F(MenuTest, RejectsARootWithTwoMembers) {
-  EXPECT_THROW(Menu(parse(R"({"A": {}, "B": {}})")), int);
+  EXPECT_THROW(construct(parse(R"({"A": {}, "B": {}})")), int);
   try {
     Menu menu(parse(R"({"A": {}, "B": {}})"));
     FAIL() << "accepted two members";
@@ -157,16 +164,16 @@ TEST_F(MenuTest, RejectsARootWithTwoMembers) {
 }
 
 TEST_F(MenuTest, RejectsASingleMemberThatIsNotAnObject) {
-  EXPECT_THROW(Menu(parse(R"({"A": "text"})")), int);
-  EXPECT_THROW(Menu(parse(R"({"A": 3})")), int);
-  EXPECT_THROW(Menu(parse(R"({"A": []})")), int);
+  EXPECT_THROW(construct(parse(R"({"A": "text"})")), int);
+  EXPECT_THROW(construct(parse(R"({"A": 3})")), int);
+  EXPECT_THROW(construct(parse(R"({"A": []})")), int);
 }
 
 TEST_F(MenuTest, RejectsEmptyNullAndNonObjectRoots) {
-  EXPECT_THROW(Menu(parse("{}")), int);
-  EXPECT_THROW(Menu(Json::Value()), int);
-  EXPECT_THROW(Menu(parse("[]")), int);
-  EXPECT_THROW(Menu(parse("[{\"A\": {}}]")), int);
+  EXPECT_THROW(construct(parse("{}")), int);
+  EXPECT_THROW(construct(Json::Value()), int);
+  EXPECT_THROW(construct(parse("[]")), int);
+  EXPECT_THROW(construct(parse("[{\"A\": {}}]")), int);
 }
 
 TEST_F(MenuTest, AcceptsAnEmptyTopMenu) {
