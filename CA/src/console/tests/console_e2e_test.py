@@ -12,6 +12,7 @@ import argparse
 import json
 import os
 import pty
+import subprocess
 import sys
 import time
 import unittest
@@ -420,12 +421,40 @@ class DefaultMenu(ConsoleTestCase):
         self.assertRun(self.run_console(stdin, menu_file=DEFAULT_MENU), expected, 0)
 
 
+SKIPPED = 77
+NOBODY = "65534"
+
+
+def run_as_nobody(binary, default_menu):
+    """Runs the whole suite again as an unprivileged user, so the harness's
+    `unshare --map-root-user` road is exercised too. Returns the suite's
+    status, or SKIPPED when this process is not root or the machine does not
+    let an unprivileged user reach the files or make a user namespace."""
+    if os.geteuid() != 0:
+        print("skipped: not root, so every other case already ran unprivileged")
+        return SKIPPED
+    drop = ["setpriv", "--reuid=" + NOBODY, "--regid=" + NOBODY, "--clear-groups"]
+    script = os.path.abspath(__file__)
+    probe = subprocess.run(drop + ["sh", "-c", 'test -x "$1" && test -r "$2" && test -r "$3" '
+                                   "&& unshare --map-root-user --mount true",
+                                   "probe", binary, script, default_menu],
+                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False)
+    if probe.returncode != 0:
+        print("skipped: an unprivileged user cannot read the build or make a user namespace here")
+        return SKIPPED
+    env = dict(os.environ, HOME="/tmp", TMPDIR="/tmp")
+    return subprocess.run(drop + [sys.executable, script, "--binary", binary,
+                                  "--default-menu", default_menu],
+                          env=env, check=False).returncode
+
+
 def main():
     global BINARY, DEFAULT_MENU
     parser = argparse.ArgumentParser(add_help=False)
     parser.add_argument("--binary")
     parser.add_argument("--default-menu")
     parser.add_argument("--list", action="store_true")
+    parser.add_argument("--as-nobody", action="store_true")
     args, rest = parser.parse_known_args()
     if args.list:
         suite = unittest.defaultTestLoader.loadTestsFromModule(sys.modules[__name__])
@@ -438,6 +467,8 @@ def main():
     BINARY = args.binary
     DEFAULT_MENU = args.default_menu or os.path.join(
         os.path.dirname(os.path.abspath(__file__)), "..", "..", "..", "data", "menu.json")
+    if args.as_nobody:
+        return run_as_nobody(os.path.abspath(BINARY), os.path.abspath(DEFAULT_MENU))
     program = unittest.main(argv=[sys.argv[0]] + rest, exit=False, verbosity=2)
     return 0 if program.result.wasSuccessful() else 1
 
