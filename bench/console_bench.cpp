@@ -88,3 +88,5 @@ void BM_HexOfSignature(benchmark::State& state) {
 BENCHMARK(BM_HexOfSignature);
 
 }  // namespace
+
+BENCHMARK_MAIN();
