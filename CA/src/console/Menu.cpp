@@ -62,7 +62,7 @@ Menu::Menu(const Json::Value& document) : root(document) {
 }
 
 bool Menu::isEntry(const Json::Value& node) {
-  if (!node.isMember("entry")) {
+  if (!node.isObject() || !node.isMember("entry")) {
     return false;
   }
   const Json::Value& entry = node["entry"];
@@ -70,21 +70,21 @@ bool Menu::isEntry(const Json::Value& node) {
 }
 
 int Menu::getOption(const Json::Value& node) {
-  if (node.isMember("option") && node["option"].isIntegral()) {
+  if (node.isObject() && node.isMember("option") && node["option"].isIntegral()) {
     return node["option"].asInt();
   }
   return kNoOption;
 }
 
 std::string Menu::getCommand(const Json::Value& node) {
-  if (node.isMember("command") && node["command"].isString()) {
+  if (node.isObject() && node.isMember("command") && node["command"].isString()) {
     return node["command"].asString();
   }
   return std::string();
 }
 
 int Menu::getIndex(const Json::Value& node) {
-  if (node.isMember("index") && node["index"].isIntegral()) {
+  if (node.isObject() && node.isMember("index") && node["index"].isIntegral()) {
     return node["index"].asInt();
   }
   return kNoIndex;

@@ -48,8 +48,9 @@ class Menu {
    * In:      root: the document. */
   explicit Menu(const Json::Value& root);
 
-  /* The accessors through which all menu code reads a node. They follow the
-   * JSON library on a node that is not an object (it throws). */
+  /* The accessors through which all menu code reads a node. A node that is
+   * not an object (a number, a string) has no keys: it yields the defaults,
+   * so such members are never listed and choosing one is a wrong selection. */
 
   /* Returns: true exactly when `node` has an "entry" that is an object with
    *          at least one member. */

@@ -379,10 +379,23 @@ TEST_F(MenuTest, ExplicitEntryCommandGoesDownEvenWithoutASubmenu) {
   EXPECT_EQ(menu.launchItem(1), 0);
   EXPECT_EQ(io.take(), "");
   EXPECT_EQ(menu.getCurrent(), parse(doc)["T"]["entry"]["Door"]);
-  // Its menu is its own members. The "command" member is a string, and the
-  // JSON library refuses to look up a key in a string: the error is the
-  // library's and is left to the entry point to report.
-  EXPECT_THROW(menu.printCurrentPosition(), Json::LogicError);
+  // Its menu is its own members; "index" and "command" are not items, so
+  // nothing is listed.
+  menu.printCurrentPosition();
+  EXPECT_EQ(io.take(), "\n========== 1: Door ==========\n=============================\n");
+}
+
+TEST_F(MenuTest, ExplicitEntryListsTheItemsOwnMembersThatCarryAnIndex) {
+  const std::string doc = R"({"T": {"entry": {"Door": {"index": 1, "command": "entry",
+      "Back": {"index": 9, "command": "exit"}}}}})";
+  Menu menu(parse(doc));
+  StdioCapture io;
+  EXPECT_EQ(menu.launchItem(1), 0);
+  menu.printCurrentPosition();
+  EXPECT_EQ(io.take(),
+            "\n========== 1: Door ==========\n 9: Back\n=============================\n");
+  EXPECT_EQ(menu.launchItem(9), 0);
+  EXPECT_EQ(menu.getCurrent(), parse(doc)["T"]);
 }
 
 TEST_F(MenuTest, ExitInASubmenuGoesUpSilentlyAndTheMenuAboveIsShownAgain) {
@@ -492,10 +505,15 @@ TEST_F(MenuTest, ScenarioExceptionsLeaveTheMenu) {
   EXPECT_EQ(io.take(), "");
 }
 
-TEST_F(MenuTest, StringMemberWhereAnItemIsExpectedIsTheLibrarysError) {
+TEST_F(MenuTest, MembersThatAreNotObjectsAreNeitherListedNorRunnable) {
   Menu menu(parse(R"({"T": {"entry": {"Note": "just text", "Quit": {"index": 1, "command": "exit"}}}})"));
   StdioCapture io;
-  EXPECT_THROW(menu.printCurrentPosition(), Json::LogicError);
+  menu.printCurrentPosition();
+  EXPECT_EQ(io.take(), "\n========== T ==========\n 1: Quit\n=======================\n");
+  // -999 names the first member without an index: the string, which has no
+  // command.
+  EXPECT_EQ(menu.launchItem(-999), 0);
+  EXPECT_EQ(io.take(), " !! -999 : wrong selection\n");
 }
 
 // ---- reading a choice ------------------------------------------------------------

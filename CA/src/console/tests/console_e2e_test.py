@@ -150,9 +150,11 @@ class StartUp(ConsoleTestCase):
         self.assertRun(self.run_console("9\n", menu_text="{}"), FAILURE, 255)
 
     def test_exception_while_running_uses_the_same_message(self):
-        # Read and built fine; walking into the submenu meets a string where
-        # an item object is expected, and the JSON library throws.
-        text = menu({"Broken": {"index": 1, "entry": {"Note": "just text"}}, "Quit": QUIT})
+        # Read and built fine; listing the submenu meets an index that does
+        # not fit in an int, and the JSON library throws.
+        text = menu({"Broken": {"index": 1, "entry": {"Huge": {"index": 3000000000,
+                                                                "command": "exit"}}},
+                     "Quit": QUIT})
         result = self.run_console("1\n9\n", menu_text=text)
         self.assertRun(result, screen("T", " 1: Broken", QUIT_LINE) + FAILURE, 255)
 
@@ -229,12 +231,13 @@ class Navigation(ConsoleTestCase):
                        shown + " >> Both : success\n" + shown, 0)
 
     def test_explicit_entry_without_a_submenu_is_entered(self):
-        # The item is entered; its menu is its own members, and the first of
-        # them, "command", is a string, which the JSON library refuses to
-        # read as a node: the run ends through the entry point's handler.
-        text = menu({"Door": {"index": 1, "command": "entry"}, "Quit": QUIT})
-        self.assertRun(self.run_console("1\n9\n", menu_text=text),
-                       screen("T", " 1: Door", QUIT_LINE) + FAILURE, 255)
+        # The item is entered; its menu lists its own members that carry an
+        # index ("index" and "command" themselves are not items).
+        text = menu({"Door": {"index": 1, "command": "entry",
+                              "Back": {"index": 9, "command": "exit"}}, "Quit": QUIT})
+        top = screen("T", " 1: Door", QUIT_LINE)
+        self.assertRun(self.run_console("1\n9\n9\n", menu_text=text),
+                       top + screen("1: Door", " 9: Back") + top, 0)
 
     def test_submenu_reached_through_an_item_without_command(self):
         text = menu({"Sub": {"index": 2, "entry": {"Back": {"index": 1, "command": "exit"}}},
