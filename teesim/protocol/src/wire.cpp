@@ -477,6 +477,7 @@ Status decode(const Frame& f, size_t nfds, HostInitReply* m) {
   if (!type_is<HostInitReply>(f)) return Status::WrongType;
   Reader r(f.body, f.body_len);
   m->result = r.u32();
+  m->origin = r.u32();
   m->ta_flags = r.u32();
   if (!r.ok()) return Status::Truncated;
   if (!read_string(r, &m->name) || !read_string(r, &m->error)) return Status::Truncated;
@@ -618,6 +619,7 @@ Status encode(std::vector<uint8_t>& out, uint32_t tag, const HostInitReply& m) {
   Writer w(out);
   begin(w, HostInitReply::kType, tag);
   w.u32(m.result);
+  w.u32(m.origin);
   w.u32(m.ta_flags);
   write_string(w, m.name);
   write_string(w, m.error);

@@ -236,11 +236,13 @@ TEST(Wire, HostInitRoundTripsKeysAndPaths) {
 TEST(Wire, HostInitReplyAndOpenRoundTrip) {
   HostInitReply r;
   r.result = 0xFFFF0005u;
+  r.origin = 3;
   r.ta_flags = 0x1C;
   r.name = "echo";
   r.error = "descriptor UUID differs from the file name";
   HostInitReply r2 = round_trip(r, 0).msg;
   EXPECT_EQ(r2.result, r.result);
+  EXPECT_EQ(r2.origin, 3u);
   EXPECT_EQ(r2.ta_flags, r.ta_flags);
   EXPECT_EQ(r2.name, r.name);
   EXPECT_EQ(r2.error, r.error);

@@ -35,7 +35,8 @@
  *                                            u32 log_flags, u32 random_mode,
  *                                            key storage_key, key name_key, key random_key,
  *                                            str ta_path, str storage_dir
- *     HOST_INIT_REPLY      TA -> daemon      u32 result, u32 ta_flags, str name, str error
+ *     HOST_INIT_REPLY      TA -> daemon      u32 result, u32 origin, u32 ta_flags, str name,
+ *                                            str error
  *     HOST_OPEN            daemon -> TA      u32 session_id, u32 login, uuid client_id,
  *                                            request params
  *                                            fds: the session channel, then attached shm
@@ -209,6 +210,7 @@ struct HostInit {
 struct HostInitReply {
   static constexpr MsgType kType = MsgType::HostInitReply;
   uint32_t result = 0;
+  uint32_t origin = 0;
   uint32_t ta_flags = 0;
   std::string name;
   std::string error;
