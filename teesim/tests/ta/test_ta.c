@@ -334,6 +334,12 @@ TEE_Result TA_InvokeCommandEntryPoint(void* ctx, uint32_t cmd, uint32_t types, T
       if (types != P(MINOUT, NONE, NONE, NONE)) return TEE_ERROR_BAD_PARAMETERS;
       if (p[0].memref.size > 0) ((uint8_t*)p[0].memref.buffer)[0] += 1;
       return TEE_SUCCESS;
+    case TEST_CMD_DOUBLE_READ:
+      if (types != P(MIN, VIN, VOUT, NONE)) return TEE_ERROR_BAD_PARAMETERS;
+      p[2].value.a = test_ta_fnv1a(p[0].memref.buffer, p[0].memref.size);
+      usleep(p[1].value.a * 1000u);
+      p[2].value.b = test_ta_fnv1a(p[0].memref.buffer, p[0].memref.size);
+      return TEE_SUCCESS;
     default:
       return TEE_ERROR_NOT_SUPPORTED;
   }

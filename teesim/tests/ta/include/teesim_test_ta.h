@@ -90,6 +90,10 @@ enum teesim_test_command {
   /* p0 MEMREF_INOUT: its first byte is incremented. The cheapest command
    * that still touches a memref, for round-trip benchmarks. */
   TEST_CMD_BUMP = 18,
+  /* p0 MEMREF_INPUT data; p1 VALUE_INPUT (a = milliseconds); p2 VALUE_OUTPUT
+   * (a = checksum before the pause, b = checksum after it). Reads the same
+   * bytes twice, pausing in between: a = b when the TA has its own copy. */
+  TEST_CMD_DOUBLE_READ = 19,
 };
 
 /* What the TA received for one parameter (TEST_CMD_REPORT). */
