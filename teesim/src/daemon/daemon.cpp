@@ -444,10 +444,20 @@ void Daemon::route(PendingOpen p) {
   auto known = known_flags_.find(p.ta);
   bool maybe_shared = known == known_flags_.end() || (known->second & TEESIM_TA_FLAG_SINGLE_INSTANCE);
   if (maybe_shared) {
+    std::vector<uint64_t> candidates;
     auto range = instances_by_ta_.equal_range(p.ta);
-    for (auto it = range.first; it != range.second; ++it) {
-      Instance* in = instance(it->second);
+    for (auto it = range.first; it != range.second; ++it) candidates.push_back(it->second);
+    for (uint64_t id : candidates) {
+      Instance* in = instance(id);
       if (in == nullptr || in->dead) continue;
+      /* A client may learn of an instance's death (its session channel
+       * broke) before this loop has read the end of the control channel.
+       * The process closes its control channel (descriptor 3) before any
+       * session channel, so asking the socket now settles it. */
+      if (peer_gone(in->fd.get())) {
+        drop(*in, nullptr);
+        continue;
+      }
       if (in->state == Instance::State::Starting) {
         in->queued.push_back(std::move(p));
         return;

@@ -106,6 +106,8 @@ class Client {
  public:
   Client();
   ~Client();
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
   TEEC_Result init_result() const { return init_; }
   TEEC_Context* ctx() { return &ctx_; }
   /* Opens a session (public login, no operation). */
