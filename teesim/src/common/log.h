@@ -27,7 +27,7 @@ const char* level_name(Level level);
 
 /* Writes one line when `level` is enabled; a trailing newline is not doubled. */
 void write(Level level, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-void vwrite(Level level, const char* fmt, va_list ap);
+void vwrite(Level level, const char* fmt, va_list ap) __attribute__((format(printf, 2, 0)));
 
 }  // namespace teesim::log
 
