@@ -32,7 +32,15 @@ function(tessera_add_gtest name)
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gtest_main tessera_warnings)
   gtest_discover_tests(${name}
     DISCOVERY_MODE PRE_TEST
-    PROPERTIES LABELS "unit;${ARG_LABELS}")
+    TEST_LIST ${name}_TESTS)
+  # Labels are applied after discovery: a list given through
+  # gtest_discover_tests(PROPERTIES) loses all but its first element.
+  set(labels_file "${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake")
+  file(WRITE "${labels_file}"
+    "if(${name}_TESTS)\n"
+    "  set_tests_properties(\${${name}_TESTS} PROPERTIES LABELS \"unit;${ARG_LABELS}\")\n"
+    "endif()\n")
+  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${labels_file}")
 endfunction()
 
 # tessera_add_fuzzer(<name> SOURCES <files...> [LIBS <targets...>] [CORPUS <dir>])

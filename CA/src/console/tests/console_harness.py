@@ -1,0 +1,218 @@
+"""Drives the real console binary for end-to-end tests.
+
+The console reads its menu from one fixed path, /opt/data/tessera/menu.json,
+and nothing may change that. So every run happens in a private mount
+namespace in which a temporary folder is bind-mounted over
+/opt/data/tessera: the machine's own folder (or its absence) is never
+touched. When /opt/data/tessera does not exist, a tmpfs is first mounted over
+its deepest existing ancestor, inside the namespace only, and the folder is
+created there.
+
+As root the namespace comes from `unshare --mount --propagation private`;
+as any other user from `unshare --map-root-user --mount`. `unshare` execs the
+console without forking, so the process the harness holds is the console
+itself and a timeout or kill reaches it directly.
+
+Typical use:
+
+    console = Console("/path/to/tessera")
+    result = console.run("1\\n9\\n", menu_text='{"Top": {...}}')
+    assert result.stdout == "..." and result.status == 0
+
+Every run has a timeout. The console never returns at end of input, so
+scripted input must end with a choice that leaves; `start` gives a running
+process for the tests that watch it wait.
+"""
+
+import os
+import shutil
+import subprocess
+import tempfile
+from dataclasses import dataclass
+
+MENU_DIR = "/opt/data/tessera"
+MENU_FILE = MENU_DIR + "/menu.json"
+
+# Runs inside the new namespace: $1 the folder to show at MENU_DIR, $2 the
+# deepest existing ancestor of MENU_DIR (MENU_DIR itself when it exists),
+# $3 shell code to run after the mounts, the rest the command to exec.
+_NAMESPACE_SCRIPT = r"""
+set -eu
+folder=$1 ancestor=$2 prelude=$3
+shift 3
+if [ "$ancestor" != "%(menu_dir)s" ]; then
+  mount -t tmpfs -o mode=0755 tessera-e2e "$ancestor"
+  mkdir -p "%(menu_dir)s"
+fi
+mount --bind "$folder" "%(menu_dir)s"
+eval "$prelude"
+exec "$@"
+""" % {"menu_dir": MENU_DIR}
+
+
+class HarnessError(Exception):
+    """The harness could not set up a run (not a failure of the console)."""
+
+
+@dataclass
+class Result:
+    stdout: str
+    stderr: str
+    status: int
+
+
+def deepest_existing_ancestor(path=MENU_DIR):
+    """The path itself when it exists, else its closest existing parent."""
+    current = path
+    while not os.path.isdir(current):
+        current = os.path.dirname(current)
+    if current == "/":
+        raise HarnessError("neither %s nor any parent below / exists; "
+                           "refusing to mount over /" % path)
+    return current
+
+
+def namespace_argv(folder, argv, prelude=""):
+    """The command that runs `argv` with `folder` seen at MENU_DIR."""
+    if shutil.which("unshare") is None:
+        raise HarnessError("unshare (util-linux) is needed to run the console")
+    if os.geteuid() == 0:
+        prefix = ["unshare", "--mount", "--propagation", "private"]
+    else:
+        prefix = ["unshare", "--map-root-user", "--mount"]
+    return prefix + ["/bin/sh", "-c", _NAMESPACE_SCRIPT, "tessera-e2e",
+                     folder, deepest_existing_ancestor(), prelude] + list(argv)
+
+
+class MenuFolder:
+    """A temporary folder to show at MENU_DIR; removed on exit.
+
+    menu_text:  written as menu.json when given;
+    menu_file:  copied as menu.json when given;
+    neither:    the folder stays empty (a missing menu file).
+    """
+
+    def __init__(self, menu_text=None, menu_file=None):
+        if menu_text is not None and menu_file is not None:
+            raise HarnessError("give menu_text or menu_file, not both")
+        self._menu_text = menu_text
+        self._menu_file = menu_file
+        self.path = None
+
+    def __enter__(self):
+        self.path = tempfile.mkdtemp(prefix="tessera-menu-")
+        target = os.path.join(self.path, "menu.json")
+        if self._menu_text is not None:
+            with open(target, "w", encoding="utf-8") as f:
+                f.write(self._menu_text)
+        elif self._menu_file is not None:
+            shutil.copyfile(self._menu_file, target)
+        return self
+
+    def __exit__(self, *exc):
+        shutil.rmtree(self.path, ignore_errors=True)
+        return False
+
+
+class Console:
+    """The console binary with the environment and limits of its runs.
+
+    binary:  path of the tessera executable.
+    env:     variables added to (or, with value None, removed from) the
+             harness's own environment for every run.
+    args:    extra command-line arguments (the console ignores them).
+    prelude: shell code run inside the namespace after the mounts, before the
+             console starts (for instance to start a helper in the same view
+             of the file system).
+    timeout: seconds a run may take before it is killed and reported.
+    """
+
+    def __init__(self, binary, env=None, args=(), prelude="", timeout=20.0):
+        self.binary = os.path.abspath(binary)
+        self.env = dict(env or {})
+        self.args = list(args)
+        self.prelude = prelude
+        self.timeout = timeout
+
+    def _environment(self, extra):
+        env = dict(os.environ)
+        for key, value in {**self.env, **(extra or {})}.items():
+            if value is None:
+                env.pop(key, None)
+            else:
+                env[key] = value
+        return env
+
+    def run(self, stdin, menu_text=None, menu_file=None, env=None, timeout=None):
+        """Runs the console to its end with `stdin` as the whole input.
+
+        Returns a Result with the decoded output and the exit status
+        (255 for the console's -1). Raises subprocess.TimeoutExpired, after
+        killing the console, when it does not end in time.
+        """
+        with MenuFolder(menu_text, menu_file) as folder:
+            argv = namespace_argv(folder.path, [self.binary] + self.args, self.prelude)
+            done = subprocess.run(argv, input=stdin.encode("utf-8"), stdout=subprocess.PIPE,
+                                  stderr=subprocess.PIPE, env=self._environment(env),
+                                  timeout=timeout or self.timeout, check=False)
+        return Result(done.stdout.decode("utf-8", "replace"),
+                      done.stderr.decode("utf-8", "replace"), done.returncode)
+
+    def start(self, menu_text=None, menu_file=None, env=None, stdin=subprocess.PIPE):
+        """Starts the console and returns a RunningConsole (a context manager
+        that kills it and cleans up on exit)."""
+        folder = MenuFolder(menu_text, menu_file).__enter__()
+        try:
+            argv = namespace_argv(folder.path, [self.binary] + self.args, self.prelude)
+            process = subprocess.Popen(argv, stdin=stdin, stdout=subprocess.PIPE,
+                                       stderr=subprocess.PIPE, env=self._environment(env))
+        except BaseException:
+            folder.__exit__(None, None, None)
+            raise
+        return RunningConsole(process, folder)
+
+
+class RunningConsole:
+    def __init__(self, process, folder):
+        self.process = process
+        self._folder = folder
+
+    def cpu_seconds(self):
+        """User plus system CPU time the console has used so far."""
+        with open("/proc/%d/stat" % self.process.pid, encoding="ascii") as f:
+            fields = f.read().rsplit(")", 1)[1].split()
+        ticks = os.sysconf("SC_CLK_TCK")
+        # Fields 14 and 15 of the stat line (utime, stime), counted from the
+        # state field, which is the first after the command name.
+        return (int(fields[11]) + int(fields[12])) / ticks
+
+    def kill(self):
+        """Kills the console; returns (stdout, stderr) it wrote until then."""
+        if self.process.poll() is None:
+            self.process.kill()
+        self.process.wait(timeout=10)
+        out = self.process.stdout.read() if self.process.stdout else b""
+        err = self.process.stderr.read() if self.process.stderr else b""
+        self._close_pipes()
+        return out.decode("utf-8", "replace"), err.decode("utf-8", "replace")
+
+    def _close_pipes(self):
+        for pipe in (self.process.stdin, self.process.stdout, self.process.stderr):
+            if pipe is not None:
+                try:
+                    pipe.close()
+                except OSError:
+                    pass
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        if self.process.poll() is None:
+            self.process.kill()
+        try:
+            self.process.wait(timeout=10)
+        finally:
+            self._close_pipes()
+            self._folder.__exit__(None, None, None)
+        return False
