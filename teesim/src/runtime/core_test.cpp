@@ -109,7 +109,6 @@ TEST(TeeTrace, LinesCarryTheTaNameAndHonourTheLevel) {
 }
 
 TEST(TeePanic, EndsTheProcessWithThePanicStatusAndLogsTheCode) {
-  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
   configure_random(false, 0);
   EXPECT_EXIT(TEE_Panic(0xBADC0DE), ::testing::ExitedWithCode(kPanicExitCode),
               "panicked with code 0x0badc0de");

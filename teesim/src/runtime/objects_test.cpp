@@ -231,7 +231,6 @@ TEST_F(ObjectsTest, TamperedFileIsReportedCorrupt) {
 using ObjectsDeathTest = ObjectsTest;
 
 TEST_F(ObjectsDeathTest, MisuseEndsTheInstance) {
-  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
   auto panics = ::testing::ExitedWithCode(kPanicExitCode);
   TEE_ObjectHandle h;
   ASSERT_EQ(create("x", "abc", TEE_DATA_FLAG_ACCESS_READ, &h), TEE_SUCCESS);

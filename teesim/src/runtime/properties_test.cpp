@@ -135,7 +135,6 @@ TEST_F(PropertyApiTest, ClientAndImplementationSets) {
 }
 
 TEST_F(PropertyApiTest, UnknownPropertySetHandleEndsTheInstance) {
-  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
   uint32_t v;
   EXPECT_EXIT(TEE_GetPropertyAsU32(reinterpret_cast<TEE_PropSetHandle>(0x1000), "x", &v),
               ::testing::ExitedWithCode(kPanicExitCode), "panicked");
