@@ -14,9 +14,11 @@
 #include "tee_client_api.h"
 
 #include <fcntl.h>
+#include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -359,13 +361,24 @@ void break_session(Session* s) {
   }
 }
 
-/* Sends one frame and waits for the one answer of the expected type. */
+/* Frames carry copies of memref bytes: they are wiped once used. */
+void wipe(std::vector<uint8_t>& buf, size_t used) {
+  if (used > 0) ::explicit_bzero(buf.data(), std::min(used, buf.size()));
+}
+
+/* Sends one frame and waits for the one answer of the expected type.
+ * Out: received, the answer's length (to wipe it after use). */
 template <typename Reply>
-bool exchange(Session* s, size_t nfds, const int* fds, uint32_t tag, Reply* reply, FdList* got) {
-  if (teesim::send_frame(s->fd.get(), s->send.data(), s->send.size(), fds, nfds) != 0) return false;
+bool exchange(Session* s, size_t nfds, const int* fds, uint32_t tag, Reply* reply, FdList* got,
+              size_t* received) {
+  *received = 0;
+  int sent = teesim::send_frame(s->fd.get(), s->send.data(), s->send.size(), fds, nfds);
+  wipe(s->send, s->send.size());
+  if (sent != 0) return false;
   s->recv.resize(w::kMaxFrameSize);
   ssize_t n = teesim::recv_frame(s->fd.get(), s->recv.data(), s->recv.size(), got);
   if (n <= 0) return false;
+  *received = static_cast<size_t>(n);
   w::Frame f;
   if (w::parse_frame(s->recv.data(), static_cast<size_t>(n), &f) != w::Status::Ok || f.tag != tag ||
       w::decode(f, got->count, reply) != w::Status::Ok) {
@@ -382,7 +395,8 @@ void close_session_locked(Session* s) {
   if (w::encode(s->send, tag, msg) != w::Status::Ok) return;
   w::CloseSessionReply reply;
   FdList fds;
-  (void)exchange(s, 0, nullptr, tag, &reply, &fds); /* either way the session is over */
+  size_t received;
+  (void)exchange(s, 0, nullptr, tag, &reply, &fds, &received); /* either way the session is over */
 }
 
 }  // namespace
@@ -578,7 +592,9 @@ TEEC_EXPORT TEEC_Result TEEC_OpenSession(TEEC_Context* context, TEEC_Session* se
   if (w::encode(ctx->send, tag, msg) != w::Status::Ok) return TEEC_ERROR_BAD_PARAMETERS;
 
   set_origin(returnOrigin, TEEC_ORIGIN_COMMS);
-  if (teesim::send_frame(ctx->fd.get(), ctx->send.data(), ctx->send.size(), m.fds, m.nfds) != 0) {
+  int sent = teesim::send_frame(ctx->fd.get(), ctx->send.data(), ctx->send.size(), m.fds, m.nfds);
+  wipe(ctx->send, ctx->send.size());
+  if (sent != 0) {
     log_error("TEEC_OpenSession: the TEE daemon at %s is gone", ctx->socket.c_str());
     return TEEC_ERROR_COMMUNICATION;
   }
@@ -595,10 +611,12 @@ TEEC_EXPORT TEEC_Result TEEC_OpenSession(TEEC_Context* context, TEEC_Session* se
   if (st == w::Status::Ok && f.tag != tag) st = w::Status::BadField;
   if (st == w::Status::Ok) st = w::decode(f, fds.count, &reply);
   if (st != w::Status::Ok || (reply.origin == TEEC_ORIGIN_TRUSTED_APP && !reply_matches(m, reply.params))) {
+    wipe(ctx->recv, static_cast<size_t>(n));
     log_error("TEEC_OpenSession: malformed answer from the TEE daemon (%s)", w::status_name(st));
     return TEEC_ERROR_COMMUNICATION;
   }
   if (reply.origin == TEEC_ORIGIN_TRUSTED_APP) unmarshal(operation, m, reply.params);
+  wipe(ctx->recv, static_cast<size_t>(n));
   set_origin(returnOrigin, reply.origin);
   if (reply.result != TEEC_SUCCESS) return reply.result;
 
@@ -656,8 +674,10 @@ TEEC_EXPORT TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t comma
 
   w::InvokeReply reply;
   FdList fds;
-  if (!exchange(s, m.nfds, m.fds, tag, &reply, &fds) ||
+  size_t received = 0;
+  if (!exchange(s, m.nfds, m.fds, tag, &reply, &fds, &received) ||
       (reply.origin == TEEC_ORIGIN_TRUSTED_APP && !reply_matches(m, reply.params))) {
+    wipe(s->recv, received);
     break_session(s);
     set_origin(returnOrigin, s->broken_origin);
     return s->broken_result;
@@ -667,6 +687,7 @@ TEEC_EXPORT TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t comma
     s->shm_known.insert(m.attached_ids.begin(), m.attached_ids.end());
     unmarshal(operation, m, reply.params);
   }
+  wipe(s->recv, received);
   set_origin(returnOrigin, reply.origin);
   return reply.result;
 }

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <map>
@@ -71,8 +72,13 @@ struct Client : Conn {
   int pending_opens = 0;
 };
 
-/* An open request on its way to a TA instance. */
+/* An open request on its way to a TA instance. Its frame may carry memref
+ * bytes of the client, so it is wiped when dropped undelivered. */
 struct PendingOpen {
+  PendingOpen() = default;
+  PendingOpen(PendingOpen&&) = default;
+  PendingOpen& operator=(PendingOpen&&) = default;
+  ~PendingOpen() { wipe(host_open.data(), host_open.size()); }
   uint32_t session_id = 0;
   uint64_t client_id = 0;
   uint32_t tag = 0;
@@ -115,6 +121,28 @@ std::string describe_status(int status) {
     return "killed by signal " + std::to_string(sig) + " (SIG" + (name != nullptr ? name : "?") + ")";
   }
   return "ended";
+}
+
+/* True when `pid` is exiting or gone: its leader carries PF_EXITING from
+ * the start of its exit (see the flags field of proc(5)), or it is a zombie,
+ * or it no longer exists. */
+bool process_exiting(pid_t pid) {
+  char path[64];
+  std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+  UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC));
+  if (!fd) return true;
+  char buf[512];
+  ssize_t n = ::read(fd.get(), buf, sizeof buf - 1);
+  if (n <= 0) return true;
+  buf[n] = '\0';
+  const char* p = std::strrchr(buf, ')'); /* the command name may hold anything */
+  if (p == nullptr) return false;
+  char state = 0;
+  unsigned long flags = 0;
+  /* after ")": state ppid pgrp session tty_nr tpgid flags */
+  if (std::sscanf(p + 1, " %c %*d %*d %*d %*d %*d %lu", &state, &flags) != 2) return false;
+  constexpr unsigned long kPfExiting = 0x4;
+  return state == 'Z' || state == 'X' || (flags & kPfExiting) != 0;
 }
 
 int64_t now_ms() {
@@ -364,6 +392,7 @@ void Daemon::read_frames(Conn& c) {
     } else {
       on_instance_frame(static_cast<Instance&>(c), frame, fds);
     }
+    wipe(buf_.data(), static_cast<size_t>(n)); /* memref bytes pass through here */
     fds.clear();
   }
 }
@@ -451,10 +480,11 @@ void Daemon::route(PendingOpen p) {
       Instance* in = instance(id);
       if (in == nullptr || in->dead) continue;
       /* A client may learn of an instance's death (its session channel
-       * broke) before this loop has read the end of the control channel.
-       * The process closes its control channel (descriptor 3) before any
-       * session channel, so asking the socket now settles it. */
-      if (peer_gone(in->fd.get())) {
+       * broke) before this loop has read the end of the control channel -
+       * or before the dying process has even released it. Only a process
+       * whose threads are all exiting can have closed a session channel,
+       * so that state, or the channel's end, settles it. */
+      if (peer_gone(in->fd.get()) || process_exiting(in->pid)) {
         drop(*in, nullptr);
         continue;
       }
@@ -578,6 +608,7 @@ void Daemon::dispatch(Instance& in, PendingOpen p) {
   p.shm_fds.clear();
   OutFrame frame;
   frame.bytes = std::move(p.host_open);
+  frame.secret = true; /* memref bytes of the client's open */
   frame.fds = std::move(fds);
   in.out.push_back(std::move(frame));
   flush(in);
@@ -685,7 +716,7 @@ void Daemon::answer_open(uint64_t client_id, uint32_t tag, uint32_t result, uint
   if (params != nullptr) reply.params = *params;
   std::vector<UniqueFd> fds;
   if (result == TEEC_SUCCESS) fds.push_back(std::move(channel));
-  send(*c, tag, reply, std::move(fds));
+  send(*c, tag, reply, std::move(fds), /*secret=*/params != nullptr);
 }
 
 void Daemon::maybe_retire(Instance& in) {

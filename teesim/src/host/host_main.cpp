@@ -121,7 +121,9 @@ class Session {
             wire::Invoke inv;
             st = wire::decode(frame, fds.count, &inv);
             if (st != wire::Status::Ok) break;
-            if (!invoke(frame.tag, inv, fds)) return false;
+            bool ok = invoke(frame.tag, inv, fds);
+            wipe(recv_.data(), static_cast<size_t>(n));
+            if (!ok) return false;
             continue;
           }
           case wire::MsgType::ShmForget: {
@@ -176,6 +178,7 @@ class Session {
       return false;
     }
     int r = send_frame(channel_.get(), send_.data(), send_.size());
+    wipe(send_.data(), send_.size());
     if (r != 0) {
       TS_LOG_INFO("session %u: client went away before its answer (%s)", id_, std::strerror(-r));
       return false;

@@ -7,9 +7,15 @@
 #include <cerrno>
 #include <cstring>
 
+#include "common/secret.h"
+
 namespace teesim::host {
 
 using wire::ParamKind;
+
+/* Private buffers up to this size are kept between commands; larger ones
+ * are given back. */
+constexpr size_t kKeepCapacity = 1u << 20;
 
 std::unique_ptr<ShmMap> ShmMap::map(int fd, std::string* why) {
   int seals = ::fcntl(fd, F_GET_SEALS);
@@ -146,6 +152,9 @@ void Operation::release() {
   for (Slot& s : slots_) {
     s.one_shot.reset();
     s.shm = nullptr;
+    /* The TA's copies may hold secrets (a keystore answer is a mnemonic). */
+    wipe(s.copy.data(), s.copy.size());
+    if (s.copy.capacity() > kKeepCapacity) std::vector<uint8_t>().swap(s.copy);
   }
 }
 

@@ -87,7 +87,8 @@ class Operation {
    * Reply views point into this object until the next prepare(). */
   void finish(wire::Params* reply);
 
-  /* Drops one-shot mappings (call after the reply has been sent). */
+  /* Wipes the TA's private copies and drops one-shot mappings (call after
+   * the reply has been sent). */
   void release();
 
  private:

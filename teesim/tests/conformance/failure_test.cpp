@@ -118,8 +118,9 @@ TEST(DaemonGone, SigtermClosesSessionsAndStopsCleanly) {
 TEST_F(Failures, AClientThatDiesMidCommandLosesOnlyItsSession) {
   Client mine;
   ASSERT_RESULT(mine.open(kTestTa), TEEC_SUCCESS);
-  int ready[2];
+  int ready[2], go[2];
   ASSERT_EQ(::pipe(ready), 0);
+  ASSERT_EQ(::pipe(go), 0);
   pid_t kid = ::fork();
   if (kid == 0) {
     TEEC_Context ctx{};
@@ -129,24 +130,27 @@ TEST_F(Failures, AClientThatDiesMidCommandLosesOnlyItsSession) {
         TEEC_OpenSession(&ctx, &s, &kTestTa, TEEC_LOGIN_PUBLIC, nullptr, nullptr, &origin) != TEEC_SUCCESS)
       ::_exit(1);
     (void)!::write(ready[1], "r", 1);
+    char g;
+    if (::read(go[0], &g, 1) != 1) ::_exit(1);
     TEEC_Operation op{};
     op.paramTypes = TEEC_PARAM_TYPES(TEEC_VALUE_INPUT, TEEC_NONE, TEEC_NONE, TEEC_NONE);
-    op.params[0].value.a = 300;
+    op.params[0].value.a = 400;
     TEEC_InvokeCommand(&s, TEST_CMD_SLEEP, &op, &origin);
     ::_exit(0);
   }
   char r;
   ASSERT_EQ(::read(ready[0], &r, 1), 1);
   uint32_t info[4];
-  ASSERT_TRUE(eventually([&] { return mine.info(info) && info[1] == 2; })) << "the child's session opened";
-  ::usleep(50 * 1000); /* let its command start */
+  ASSERT_TRUE(mine.info(info));
+  EXPECT_EQ(info[1], 2u) << "the child's session is open";
+  ASSERT_EQ(::write(go[1], "g", 1), 1);
+  ::usleep(100 * 1000); /* its command is running now */
   ::kill(kid, SIGKILL);
   ::waitpid(kid, nullptr, 0);
   EXPECT_TRUE(eventually([&] { return mine.info(info) && info[1] == 1; }))
       << "the dead client's session was closed";
   EXPECT_TRUE(mine.info(info)) << "ours works throughout";
-  ::close(ready[0]);
-  ::close(ready[1]);
+  for (int fd : {ready[0], ready[1], go[0], go[1]}) ::close(fd);
 }
 
 /* ---- raw protocol --------------------------------------------------------------- */
