@@ -83,7 +83,7 @@ struct Session {
   uint32_t broken_origin = TEEC_ORIGIN_COMMS;
   std::unordered_set<uint32_t> shm_known;
   std::vector<uint8_t> send;
-  std::vector<uint8_t> recv;
+  teesim::StreamReader reader; /* the session channel is a stream */
 };
 
 /* Every live object, by the pointer kept in its public structure's `imp`:
@@ -366,22 +366,20 @@ void wipe(std::vector<uint8_t>& buf, size_t used) {
   if (used > 0) ::explicit_bzero(buf.data(), std::min(used, buf.size()));
 }
 
-/* Sends one frame and waits for the one answer of the expected type.
- * Out: received, the answer's length (to wipe it after use). */
+/* Sends one frame and waits for the one answer of the expected type. The
+ * answer's views point into the session's reader until its next call. */
 template <typename Reply>
-bool exchange(Session* s, size_t nfds, const int* fds, uint32_t tag, Reply* reply, FdList* got,
-              size_t* received) {
-  *received = 0;
+bool exchange(Session* s, size_t nfds, const int* fds, uint32_t tag, Reply* reply) {
   int sent = teesim::send_frame(s->fd.get(), s->send.data(), s->send.size(), fds, nfds);
   wipe(s->send, s->send.size());
   if (sent != 0) return false;
-  s->recv.resize(w::kMaxFrameSize);
-  ssize_t n = teesim::recv_frame(s->fd.get(), s->recv.data(), s->recv.size(), got);
+  const uint8_t* data = nullptr;
+  ssize_t n = s->reader.next(s->fd.get(), &data);
   if (n <= 0) return false;
-  *received = static_cast<size_t>(n);
   w::Frame f;
-  if (w::parse_frame(s->recv.data(), static_cast<size_t>(n), &f) != w::Status::Ok || f.tag != tag ||
-      w::decode(f, got->count, reply) != w::Status::Ok) {
+  /* No answer carries descriptors. */
+  if (w::parse_frame(data, static_cast<size_t>(n), &f) != w::Status::Ok || f.tag != tag ||
+      w::decode(f, 0, reply) != w::Status::Ok || s->reader.queued_fds() != 0) {
     log_error("session %u: malformed answer from the TA instance", s->id);
     return false;
   }
@@ -394,9 +392,7 @@ void close_session_locked(Session* s) {
   uint32_t tag = s->next_tag++;
   if (w::encode(s->send, tag, msg) != w::Status::Ok) return;
   w::CloseSessionReply reply;
-  FdList fds;
-  size_t received;
-  (void)exchange(s, 0, nullptr, tag, &reply, &fds, &received); /* either way the session is over */
+  (void)exchange(s, 0, nullptr, tag, &reply); /* either way the session is over */
 }
 
 }  // namespace
@@ -627,7 +623,6 @@ TEEC_EXPORT TEEC_Result TEEC_OpenSession(TEEC_Context* context, TEEC_Session* se
   s->id = reply.session_id;
   s->shm_known.insert(m.attached_ids.begin(), m.attached_ids.end());
   s->send.reserve(w::kMaxFrameSize);
-  s->recv.resize(w::kMaxFrameSize);
   ctx->sessions.insert(s);
   enliven(s, Kind::Session);
   session->imp = s;
@@ -673,11 +668,9 @@ TEEC_EXPORT TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t comma
   if (w::encode(s->send, tag, msg) != w::Status::Ok) return TEEC_ERROR_BAD_PARAMETERS;
 
   w::InvokeReply reply;
-  FdList fds;
-  size_t received = 0;
-  if (!exchange(s, m.nfds, m.fds, tag, &reply, &fds, &received) ||
+  if (!exchange(s, m.nfds, m.fds, tag, &reply) ||
       (reply.origin == TEEC_ORIGIN_TRUSTED_APP && !reply_matches(m, reply.params))) {
-    wipe(s->recv, received);
+    s->reader.wipe_consumed();
     break_session(s);
     set_origin(returnOrigin, s->broken_origin);
     return s->broken_result;
@@ -687,7 +680,7 @@ TEEC_EXPORT TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t comma
     s->shm_known.insert(m.attached_ids.begin(), m.attached_ids.end());
     unmarshal(operation, m, reply.params);
   }
-  wipe(s->recv, received);
+  s->reader.wipe_consumed();
   set_origin(returnOrigin, reply.origin);
   return reply.result;
 }

@@ -597,7 +597,7 @@ Instance* Daemon::spawn(const Uuid& ta) {
 
 void Daemon::dispatch(Instance& in, PendingOpen p) {
   UniqueFd client_end, host_end;
-  if (make_channel(&client_end, &host_end) != 0) {
+  if (make_stream_channel(&client_end, &host_end) != 0) {
     TS_LOG_ERROR("cannot make a session channel: %s", std::strerror(errno));
     answer_open(p.client_id, p.tag, TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_TEE, 0, nullptr, UniqueFd());
     return;

@@ -74,7 +74,7 @@ class Session {
   Session(uint32_t id, UniqueFd channel, uint32_t login, const Uuid& client, void* ta_context,
           ShmCache cache)
       : id_(id), channel_(std::move(channel)), login_(login), client_(client),
-        ta_context_(ta_context), cache_(std::move(cache)), recv_(wire::kMaxFrameSize) {}
+        ta_context_(ta_context), cache_(std::move(cache)) {}
 
   void serve() {
     bool close_requested = serve_commands();
@@ -107,35 +107,47 @@ class Session {
   bool serve_commands() {
     FdList fds;
     for (;;) {
-      ssize_t n = recv_frame(channel_.get(), recv_.data(), recv_.size(), &fds);
+      const uint8_t* data = nullptr;
+      ssize_t n = reader_.next(channel_.get(), &data);
       if (n == 0) return false;
       if (n < 0) {
-        if (n != -ECONNRESET) TS_LOG_WARN("session %u: receive failed: %s", id_, std::strerror(static_cast<int>(-n)));
+        if (n == -EPROTO || n == -EMSGSIZE) {
+          TS_LOG_WARN("session %u: malformed stream from the client (%s); ending the session", id_,
+                      n == -EPROTO ? "bad or cut frame" : "too many descriptors");
+        } else if (n != -ECONNRESET) {
+          TS_LOG_WARN("session %u: receive failed: %s", id_, std::strerror(static_cast<int>(-n)));
+        }
         return false;
       }
       wire::Frame frame;
-      wire::Status st = wire::parse_frame(recv_.data(), static_cast<size_t>(n), &frame);
+      wire::Status st = wire::parse_frame(data, static_cast<size_t>(n), &frame);
       if (st == wire::Status::Ok) {
         switch (frame.type) {
           case wire::MsgType::Invoke: {
             wire::Invoke inv;
-            st = wire::decode(frame, fds.count, &inv);
+            st = wire::decode(frame, wire::kAnyFds, &inv);
             if (st != wire::Status::Ok) break;
+            if (!reader_.take_fds(wire::attached_fds(inv.params), &fds)) {
+              st = wire::Status::FdMismatch;
+              break;
+            }
             bool ok = invoke(frame.tag, inv, fds);
-            wipe(recv_.data(), static_cast<size_t>(n));
+            reader_.wipe_consumed();
             if (!ok) return false;
+            if (!stray_fds_ok()) return false;
             continue;
           }
           case wire::MsgType::ShmForget: {
             wire::ShmForget f;
-            st = wire::decode(frame, fds.count, &f);
+            st = wire::decode(frame, 0, &f);
             if (st != wire::Status::Ok) break;
             cache_.forget(f.shm_id);
+            if (!stray_fds_ok()) return false;
             continue;
           }
           case wire::MsgType::CloseSession: {
             wire::CloseSession c;
-            st = wire::decode(frame, fds.count, &c);
+            st = wire::decode(frame, 0, &c);
             if (st != wire::Status::Ok) break;
             close_tag_ = frame.tag;
             return true;
@@ -149,6 +161,14 @@ class Session {
                   wire::status_name(st));
       return false;
     }
+  }
+
+  /* Descriptors come with the first byte of their frame: any left over once
+   * every buffered frame has claimed its own belong to no frame. */
+  bool stray_fds_ok() {
+    if (reader_.queued_fds() == 0 || reader_.buffered() > 0) return true;
+    TS_LOG_WARN("session %u: descriptors sent without a frame; ending the session", id_);
+    return false;
   }
 
   bool invoke(uint32_t tag, const wire::Invoke& inv, FdList& fds) {
@@ -193,7 +213,7 @@ class Session {
   void* ta_context_;
   ShmCache cache_;
   Operation op_;
-  std::vector<uint8_t> recv_;
+  StreamReader reader_;
   std::vector<uint8_t> send_;
   uint32_t close_tag_ = 0;
 };

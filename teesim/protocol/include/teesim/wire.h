@@ -2,10 +2,12 @@
  * The teesim wire format: every frame exchanged between libteec, the teesim
  * daemon and TA instance processes, with its one encoder and one parser.
  *
- * Transport. Every link is an AF_UNIX SOCK_SEQPACKET socket: one recvmsg
- * gives exactly one frame; file descriptors travel as SCM_RIGHTS on the frame
- * they belong to (see channel.h). A frame is never larger than
- * kMaxFrameSize bytes.
+ * Transport. Links to and from the daemon are AF_UNIX SOCK_SEQPACKET
+ * sockets: one recvmsg gives exactly one frame. Session channels (client to
+ * TA instance, the command path) are SOCK_STREAM sockets, whose wake-ups are
+ * cheaper; there frames are cut by the header's length (StreamReader in
+ * channel.h). Either way file descriptors travel as SCM_RIGHTS with the
+ * frame they belong to, and a frame is never larger than kMaxFrameSize.
  *
  * Byte format. All integers are little-endian and unaligned; there is no
  * padding. A frame is a header followed by a body:
@@ -94,6 +96,9 @@ inline constexpr uint32_t kMaxString = 4096u;
 inline constexpr size_t kKeySize = 32;
 /* Most descriptors a frame may carry: a session channel and four shm. */
 inline constexpr size_t kMaxFds = 5;
+/* Passed as nfds to a decoder: do not check the descriptor count (stream
+ * links, where the caller claims the descriptors a message announces). */
+inline constexpr size_t kAnyFds = static_cast<size_t>(-1);
 /* shm_flags bit: the shared memory's descriptor comes with this frame. */
 inline constexpr uint32_t kShmFdAttached = 1u;
 
@@ -263,7 +268,8 @@ struct Frame {
 
 /* Decoders: parse a frame's body as one message type.
  * Returns Ok, or WrongType when frame.type differs, or why the body is bad.
- * In: frame from parse_frame; nfds, how many descriptors came with it.
+ * In: frame from parse_frame; nfds, how many descriptors came with it, or
+ *     kAnyFds to leave the count to the caller.
  * Out: msg, filled only in part on failure. Views point into the frame. */
 [[nodiscard]] Status decode(const Frame& frame, size_t nfds, Hello* msg);
 [[nodiscard]] Status decode(const Frame& frame, size_t nfds, HelloReply* msg);
