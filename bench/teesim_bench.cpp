@@ -21,6 +21,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -61,6 +62,7 @@ class Daemon {
       std::vector<char*> argv;
       for (std::string& a : args) argv.push_back(a.data());
       argv.push_back(nullptr);
+      ::prctl(PR_SET_PDEATHSIG, SIGTERM); /* never outlive the benchmark */
       ::execv(argv[0], argv.data());
       ::_exit(127);
     }

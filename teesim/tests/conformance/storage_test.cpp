@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -58,6 +59,13 @@ std::vector<std::string> files_in(const std::string& dir) {
   return out;
 }
 
+/* The file a step added to a folder (tests share a daemon when run in one process). */
+std::string added_file(const std::vector<std::string>& before, const std::vector<std::string>& after) {
+  for (const std::string& f : after)
+    if (std::find(before.begin(), before.end(), f) == before.end()) return f;
+  return "";
+}
+
 using Storage = WithDaemon;
 
 TEST_F(Storage, ObjectsRoundTrip) {
@@ -95,12 +103,13 @@ TEST_F(Storage, ObjectsAreEncryptedAtRestInPrivateFolders) {
   ASSERT_RESULT(c.open(kTestTa), TEEC_SUCCESS);
   uint32_t origin = 0;
   const std::string id = "wallet-seed-id", secret = "abandon ability able about above absent";
-  ASSERT_RESULT(put(c.session(), id, secret, &origin), TEEC_SUCCESS);
   const std::string dir = daemon().ta_storage(TEST_TA_UUID_TEXT);
-  auto names = files_in(dir);
-  ASSERT_EQ(names.size(), 1u);
-  EXPECT_EQ(names[0].find(id), std::string::npos);
-  std::string content = read_text(dir + "/" + names[0]);
+  auto before = files_in(dir);
+  ASSERT_RESULT(put(c.session(), id, secret, &origin), TEEC_SUCCESS);
+  std::string name = added_file(before, files_in(dir));
+  ASSERT_FALSE(name.empty());
+  EXPECT_EQ(name.find(id), std::string::npos);
+  std::string content = read_text(dir + "/" + name);
   EXPECT_EQ(content.find("abandon"), std::string::npos);
   EXPECT_EQ(content.find(id), std::string::npos);
   struct stat st{};
@@ -114,35 +123,36 @@ TEST_F(Storage, ATamperedObjectIsReportedCorrupt) {
   Client c;
   ASSERT_RESULT(c.open(kTestTa), TEEC_SUCCESS);
   uint32_t origin = 0;
-  ASSERT_RESULT(put(c.session(), "pin", "1234", &origin), TEEC_SUCCESS);
   const std::string dir = daemon().ta_storage(TEST_TA_UUID_TEXT);
-  auto names = files_in(dir);
-  ASSERT_EQ(names.size(), 1u);
-  std::string path = dir + "/" + names[0];
+  auto before = files_in(dir);
+  ASSERT_RESULT(put(c.session(), "tampered-pin", "1234", &origin), TEEC_SUCCESS);
+  std::string name = added_file(before, files_in(dir));
+  ASSERT_FALSE(name.empty());
+  std::string path = dir + "/" + name;
   std::string bytes = read_text(path);
   bytes[bytes.size() / 2] ^= 0x01;
   std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
   std::string data;
-  EXPECT_OUTCOME(get(c.session(), "pin", &data, &origin), origin, 0xF0100001u /* TEE_ERROR_CORRUPT_OBJECT */,
-                 TEEC_ORIGIN_TRUSTED_APP);
+  EXPECT_OUTCOME(get(c.session(), "tampered-pin", &data, &origin), origin,
+                 0xF0100001u /* TEE_ERROR_CORRUPT_OBJECT */, TEEC_ORIGIN_TRUSTED_APP);
 }
 
 TEST_F(Storage, SwappedObjectFilesAreReportedCorrupt) {
   Client c;
   ASSERT_RESULT(c.open(kTestTa), TEEC_SUCCESS);
   uint32_t origin = 0;
-  ASSERT_RESULT(put(c.session(), "a", "value of a", &origin), TEEC_SUCCESS);
-  auto first = files_in(daemon().ta_storage(TEST_TA_UUID_TEXT));
-  ASSERT_RESULT(put(c.session(), "b", "value of b", &origin), TEEC_SUCCESS);
-  auto both = files_in(daemon().ta_storage(TEST_TA_UUID_TEXT));
-  ASSERT_EQ(first.size(), 1u);
-  ASSERT_EQ(both.size(), 2u);
-  std::string a_file = first[0], b_file = both[0] == a_file ? both[1] : both[0];
   const std::string dir = daemon().ta_storage(TEST_TA_UUID_TEXT);
+  auto before = files_in(dir);
+  ASSERT_RESULT(put(c.session(), "swap-a", "value of a", &origin), TEEC_SUCCESS);
+  auto with_a = files_in(dir);
+  ASSERT_RESULT(put(c.session(), "swap-b", "value of b", &origin), TEEC_SUCCESS);
+  std::string a_file = added_file(before, with_a), b_file = added_file(with_a, files_in(dir));
+  ASSERT_FALSE(a_file.empty());
+  ASSERT_FALSE(b_file.empty());
   fs::copy_file(dir + "/" + b_file, dir + "/" + a_file, fs::copy_options::overwrite_existing);
   std::string data;
-  EXPECT_OUTCOME(get(c.session(), "a", &data, &origin), origin, 0xF0100001u, TEEC_ORIGIN_TRUSTED_APP);
-  ASSERT_RESULT(get(c.session(), "b", &data, &origin), TEEC_SUCCESS);
+  EXPECT_OUTCOME(get(c.session(), "swap-a", &data, &origin), origin, 0xF0100001u, TEEC_ORIGIN_TRUSTED_APP);
+  ASSERT_RESULT(get(c.session(), "swap-b", &data, &origin), TEEC_SUCCESS);
   EXPECT_EQ(data, "value of b");
 }
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -134,6 +135,8 @@ bool TestDaemon::start(const std::vector<std::string>& extra) {
     argv.push_back(nullptr);
     int err = ::open(log_.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0600);
     if (err >= 0) ::dup2(err, 2);
+    /* A test process that is killed must not leave its daemon behind. */
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
     ::execv(argv[0], argv.data());
     ::_exit(127);
   }

@@ -5,6 +5,7 @@
  */
 #define _DEFAULT_SOURCE
 #include <signal.h>
+#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -285,6 +286,23 @@ static TEE_Result info_cmd(uint32_t types, TEE_Param p[4]) {
   return TEE_SUCCESS;
 }
 
+static TEE_Result count_maps(uint32_t types, TEE_Param p[4]) {
+  if (types != P(MIN, VOUT, NONE, NONE)) return TEE_ERROR_BAD_PARAMETERS;
+  char needle[64];
+  if (p[0].memref.size == 0 || p[0].memref.size >= sizeof needle) return TEE_ERROR_BAD_PARAMETERS;
+  TEE_MemMove(needle, p[0].memref.buffer, p[0].memref.size);
+  needle[p[0].memref.size] = '\0';
+  FILE* maps = fopen("/proc/self/maps", "r");
+  if (maps == NULL) return TEE_ERROR_GENERIC;
+  char line[512];
+  uint32_t n = 0;
+  while (fgets(line, sizeof line, maps) != NULL)
+    if (strstr(line, needle) != NULL) ++n;
+  fclose(maps);
+  p[1].value.a = n;
+  return TEE_SUCCESS;
+}
+
 TEE_Result TA_InvokeCommandEntryPoint(void* ctx, uint32_t cmd, uint32_t types, TEE_Param p[4]) {
   switch (cmd) {
     case TEST_CMD_ECHO: return echo(types, p);
@@ -334,6 +352,7 @@ TEE_Result TA_InvokeCommandEntryPoint(void* ctx, uint32_t cmd, uint32_t types, T
       if (types != P(MINOUT, NONE, NONE, NONE)) return TEE_ERROR_BAD_PARAMETERS;
       if (p[0].memref.size > 0) ((uint8_t*)p[0].memref.buffer)[0] += 1;
       return TEE_SUCCESS;
+    case TEST_CMD_COUNT_MAPS: return count_maps(types, p);
     case TEST_CMD_DOUBLE_READ:
       if (types != P(MIN, VIN, VOUT, NONE)) return TEE_ERROR_BAD_PARAMETERS;
       p[2].value.a = test_ta_fnv1a(p[0].memref.buffer, p[0].memref.size);

@@ -94,6 +94,10 @@ enum teesim_test_command {
    * (a = checksum before the pause, b = checksum after it). Reads the same
    * bytes twice, pausing in between: a = b when the TA has its own copy. */
   TEST_CMD_DOUBLE_READ = 19,
+  /* p0 MEMREF_INPUT text (no NUL); p1 VALUE_OUTPUT (a = lines of the
+   * instance's own /proc/self/maps that contain the text). Lets a test see
+   * what the instance has mapped without reading another process's maps. */
+  TEST_CMD_COUNT_MAPS = 20,
 };
 
 /* What the TA received for one parameter (TEST_CMD_REPORT). */
