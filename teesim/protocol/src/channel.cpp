@@ -120,6 +120,8 @@ uint32_t le32(const uint8_t* p) {
 
 StreamReader::StreamReader() : buf_(2 * wire::kMaxFrameSize) {}
 
+StreamReader::~StreamReader() { ::explicit_bzero(buf_.data(), buf_.size()); }
+
 ssize_t StreamReader::next(int fd, const uint8_t** frame) {
   if (begin_ == end_) begin_ = end_ = handed_ = 0; /* all consumed: read to the start */
   for (;;) {

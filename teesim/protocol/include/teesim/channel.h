@@ -67,6 +67,10 @@ bool peer_gone(int fd);
 class StreamReader {
  public:
   StreamReader();
+  /* Wipes the buffer: frames may have carried secrets. */
+  ~StreamReader();
+  StreamReader(const StreamReader&) = delete;
+  StreamReader& operator=(const StreamReader&) = delete;
 
   /* Blocks until one whole frame is buffered.
    * Returns its length (> 0), with *frame pointing into the reader (valid
