@@ -196,6 +196,10 @@ typedef struct __TEE_ObjectHandle* TEE_ObjectHandle;
 
 #define TEE_TYPE_DATA 0xA00000BFu
 
+/* Bits that TEE_GetObjectInfo1 adds to a handle's flags. */
+#define TEE_HANDLE_FLAG_PERSISTENT  0x00010000u
+#define TEE_HANDLE_FLAG_INITIALIZED 0x00020000u
+
 typedef enum {
   TEE_DATA_SEEK_SET = 0,
   TEE_DATA_SEEK_CUR = 1,

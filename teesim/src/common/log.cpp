@@ -1,0 +1,109 @@
+#include "common/log.h"
+
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace teesim::log {
+namespace {
+
+char g_program[32] = "teesim";
+std::atomic<int> g_level{static_cast<int>(Level::Info)};
+std::atomic<bool> g_syslog{false};
+
+int syslog_priority(Level l) {
+  switch (l) {
+    case Level::Error: return LOG_ERR;
+    case Level::Warn: return LOG_WARNING;
+    case Level::Info: return LOG_INFO;
+    case Level::Debug: return LOG_DEBUG;
+  }
+  return LOG_INFO;
+}
+
+}  // namespace
+
+void init(const char* program, Level lvl, bool to_syslog) {
+  std::snprintf(g_program, sizeof g_program, "%s", program);
+  g_level = static_cast<int>(lvl);
+  g_syslog = to_syslog;
+  if (to_syslog) ::openlog(g_program, LOG_PID, LOG_DAEMON);
+}
+
+Level level() { return static_cast<Level>(g_level.load()); }
+bool syslog_enabled() { return g_syslog.load(); }
+
+bool parse_level(const char* text, Level* out) {
+  static const struct {
+    const char* name;
+    Level level;
+  } kLevels[] = {{"error", Level::Error}, {"warn", Level::Warn}, {"info", Level::Info},
+                 {"debug", Level::Debug}};
+  if (text == nullptr) return false;
+  for (const auto& l : kLevels) {
+    if (std::strcmp(text, l.name) == 0) {
+      *out = l.level;
+      return true;
+    }
+  }
+  return false;
+}
+
+const char* level_name(Level l) {
+  switch (l) {
+    case Level::Error: return "error";
+    case Level::Warn: return "warn";
+    case Level::Info: return "info";
+    case Level::Debug: return "debug";
+  }
+  return "?";
+}
+
+void vwrite(Level lvl, const char* fmt, va_list ap) {
+  if (static_cast<int>(lvl) > g_level.load()) return;
+  int saved_errno = errno;
+  char msg[2048];
+  va_list copy;
+  va_copy(copy, ap);
+  int n = std::vsnprintf(msg, sizeof msg, fmt, copy);
+  va_end(copy);
+  if (n < 0) {
+    errno = saved_errno;
+    return;
+  }
+  size_t len = static_cast<size_t>(n) < sizeof msg ? static_cast<size_t>(n) : sizeof msg - 1;
+  while (len > 0 && msg[len - 1] == '\n') msg[--len] = '\0';
+
+  timespec ts{};
+  ::clock_gettime(CLOCK_REALTIME, &ts);
+  tm t{};
+  ::gmtime_r(&ts.tv_sec, &t);
+  char line[2200];
+  int m = std::snprintf(line, sizeof line, "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ %s[%d] %s: %s\n",
+                        t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec,
+                        ts.tv_nsec / 1000000, g_program, static_cast<int>(::getpid()),
+                        level_name(lvl), msg);
+  if (m > 0) {
+    size_t total = static_cast<size_t>(m) < sizeof line ? static_cast<size_t>(m) : sizeof line - 1;
+    ssize_t w;
+    do {
+      w = ::write(STDERR_FILENO, line, total);
+    } while (w < 0 && errno == EINTR);
+  }
+  if (g_syslog.load()) ::syslog(syslog_priority(lvl), "%s", msg);
+  errno = saved_errno;
+}
+
+void write(Level lvl, const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  vwrite(lvl, fmt, ap);
+  va_end(ap);
+}
+
+}  // namespace teesim::log

@@ -1,0 +1,837 @@
+#include "daemon/daemon.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "daemon/identity.h"
+#include "daemon/keys.h"
+#include "runtime/runtime.h"
+#include "tee_client_api.h"
+#include "teesim/channel.h"
+#include "teesim/uuid.h"
+#include "teesim/wire.h"
+#include "teesim_ta.h"
+
+extern char** environ;
+
+namespace teesim::daemon {
+namespace {
+
+/* Limits that keep one client from exhausting the daemon. */
+constexpr int kMaxPendingOpensPerClient = 16;
+constexpr size_t kMaxQueuedFramesPerClient = 64;
+constexpr int kShutdownGraceMs = 3000;
+
+/* A frame waiting to be sent, with the descriptors it carries. */
+struct OutFrame {
+  std::vector<uint8_t> bytes;
+  std::vector<UniqueFd> fds;
+  bool secret = false; /* wipe the bytes once they are gone */
+  OutFrame() = default;
+  OutFrame(OutFrame&&) = default;
+  OutFrame& operator=(OutFrame&&) = default;
+  ~OutFrame() {
+    if (secret) wipe(bytes.data(), bytes.size());
+  }
+};
+
+/* One end of a connection the daemon serves: a client or a TA instance. */
+struct Conn {
+  enum class Kind { Client, Instance } kind;
+  uint64_t id = 0;
+  UniqueFd fd;
+  std::deque<OutFrame> out;
+  bool waiting_writable = false;
+  bool dead = false;
+  explicit Conn(Kind k) : kind(k) {}
+  virtual ~Conn() = default;
+};
+
+struct Client : Conn {
+  Client() : Conn(Kind::Client) {}
+  PeerCredentials creds;
+  bool greeted = false;
+  int pending_opens = 0;
+};
+
+/* An open request on its way to a TA instance. Its frame may carry memref
+ * bytes of the client, so it is wiped when dropped undelivered. */
+struct PendingOpen {
+  PendingOpen() = default;
+  PendingOpen(PendingOpen&&) = default;
+  PendingOpen& operator=(PendingOpen&&) = default;
+  ~PendingOpen() { wipe(host_open.data(), host_open.size()); }
+  uint32_t session_id = 0;
+  uint64_t client_id = 0;
+  uint32_t tag = 0;
+  Uuid ta;
+  std::vector<uint8_t> host_open; /* the HOST_OPEN frame, encoded on arrival */
+  std::vector<UniqueFd> shm_fds;
+  UniqueFd client_end;            /* set once dispatched */
+  uint64_t instance_id = 0;
+};
+
+struct Instance : Conn {
+  Instance() : Conn(Kind::Instance) {}
+  enum class State { Starting, Ready, Retiring } state = State::Starting;
+  Uuid ta;
+  std::string ta_text;
+  pid_t pid = 0;
+  uint32_t instance_no = 0;
+  uint32_t flags = 0;
+  std::string name;
+  int sessions = 0;
+  int dispatched = 0; /* opens sent, not yet answered */
+  std::deque<PendingOpen> queued; /* opens waiting for the instance to be ready */
+};
+
+/* What the daemon remembers of a process until it has been reaped. */
+struct ChildRecord {
+  std::string label;
+  bool retiring = false;
+};
+
+std::string describe_status(int status) {
+  if (WIFEXITED(status)) {
+    int code = WEXITSTATUS(status);
+    if (code == runtime::kPanicExitCode) return "ended by TEE_Panic";
+    return "exited with status " + std::to_string(code);
+  }
+  if (WIFSIGNALED(status)) {
+    int sig = WTERMSIG(status);
+    const char* name = ::sigabbrev_np(sig);
+    return "killed by signal " + std::to_string(sig) + " (SIG" + (name != nullptr ? name : "?") + ")";
+  }
+  return "ended";
+}
+
+/* True when `pid` is exiting or gone: its leader carries PF_EXITING from
+ * the start of its exit (see the flags field of proc(5)), or it is a zombie,
+ * or it no longer exists. */
+bool process_exiting(pid_t pid) {
+  char path[64];
+  std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+  UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC));
+  if (!fd) return true;
+  char buf[512];
+  ssize_t n = ::read(fd.get(), buf, sizeof buf - 1);
+  if (n <= 0) return true;
+  buf[n] = '\0';
+  const char* p = std::strrchr(buf, ')'); /* the command name may hold anything */
+  if (p == nullptr) return false;
+  char state = 0;
+  unsigned long flags = 0;
+  /* after ")": state ppid pgrp session tty_nr tpgid flags */
+  if (std::sscanf(p + 1, " %c %*d %*d %*d %*d %*d %lu", &state, &flags) != 2) return false;
+  constexpr unsigned long kPfExiting = 0x4;
+  return state == 'Z' || state == 'X' || (flags & kPfExiting) != 0;
+}
+
+int64_t now_ms() {
+  timespec ts{};
+  ::clock_gettime(CLOCK_MONOTONIC, &ts);
+  return int64_t{ts.tv_sec} * 1000 + ts.tv_nsec / 1000000;
+}
+
+class Daemon {
+ public:
+  Daemon(Settings settings, UniqueFd listener)
+      : settings_(std::move(settings)), listener_(std::move(listener)), buf_(wire::kMaxFrameSize) {}
+
+  int run();
+
+ private:
+  /* epoll keys: the low 62 bits are a connection id; these mark the rest. */
+  static constexpr uint64_t kListenerKey = 1ull << 62;
+  static constexpr uint64_t kSignalKey = 2ull << 62;
+
+  bool setup();
+  void on_listener();
+  void on_signal();
+  void on_conn(uint64_t id, uint32_t events);
+  void read_frames(Conn& c);
+  void on_client_frame(Client& c, const wire::Frame& f, FdList& fds);
+  void on_instance_frame(Instance& in, const wire::Frame& f, FdList& fds);
+  void open_session(Client& c, const wire::Frame& f, FdList& fds);
+  void route(PendingOpen p);
+  void dispatch(Instance& in, PendingOpen p);
+  Instance* spawn(const Uuid& ta);
+  void on_init_reply(Instance& in, const wire::HostInitReply& r);
+  void on_open_reply(Instance& in, uint32_t tag, const wire::HostOpenReply& r);
+  void maybe_retire(Instance& in);
+  void instance_gone(Instance& in);
+  void answer_open(uint64_t client_id, uint32_t tag, uint32_t result, uint32_t origin,
+                   uint32_t session_id, const wire::Params* params, UniqueFd channel);
+  template <typename M>
+  void send(Conn& c, uint32_t tag, const M& msg, std::vector<UniqueFd> fds = {}, bool secret = false);
+  void flush(Conn& c);
+  void update_events(Conn& c);
+  void drop(Conn& c, const char* why);
+  void reap();
+  void collect_dead();
+  void shutdown();
+  Client* client(uint64_t id);
+  Instance* instance(uint64_t id);
+
+  Settings settings_;
+  UniqueFd listener_;
+  UniqueFd epoll_;
+  UniqueFd signals_;
+  std::vector<uint8_t> buf_;
+  uint64_t next_conn_id_ = 1;
+  uint32_t next_session_id_ = 1;
+  std::unordered_map<uint64_t, std::unique_ptr<Conn>> conns_;
+  std::multimap<Uuid, uint64_t> instances_by_ta_;
+  std::map<Uuid, uint32_t> known_flags_;
+  std::map<Uuid, uint32_t> instance_counts_;
+  std::map<uint32_t, PendingOpen> dispatched_;
+  std::map<pid_t, ChildRecord> children_;
+  bool stopping_ = false;
+};
+
+Client* Daemon::client(uint64_t id) {
+  auto it = conns_.find(id);
+  if (it == conns_.end() || it->second->dead || it->second->kind != Conn::Kind::Client) return nullptr;
+  return static_cast<Client*>(it->second.get());
+}
+
+Instance* Daemon::instance(uint64_t id) {
+  auto it = conns_.find(id);
+  if (it == conns_.end() || it->second->kind != Conn::Kind::Instance) return nullptr;
+  return static_cast<Instance*>(it->second.get());
+}
+
+bool Daemon::setup() {
+  epoll_.reset(::epoll_create1(EPOLL_CLOEXEC));
+  if (!epoll_) return false;
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGCHLD);
+  signals_.reset(::signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
+  if (!signals_) return false;
+  epoll_event ev{};
+  ev.events = EPOLLIN;
+  ev.data.u64 = kListenerKey;
+  if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, listener_.get(), &ev) != 0) return false;
+  ev.data.u64 = kSignalKey;
+  if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, signals_.get(), &ev) != 0) return false;
+  return true;
+}
+
+int Daemon::run() {
+  if (!setup()) {
+    TS_LOG_ERROR("cannot set up the event loop: %s", std::strerror(errno));
+    return 1;
+  }
+  int64_t deadline = 0;
+  epoll_event events[32];
+  for (;;) {
+    int timeout = -1;
+    if (stopping_) {
+      bool alive = !children_.empty();
+      if (!alive) break;
+      int64_t left = deadline - now_ms();
+      if (left <= 0) {
+        for (auto& [pid, rec] : children_) {
+          TS_LOG_WARN("%s did not end in time; killing it", rec.label.c_str());
+          ::kill(pid, SIGKILL);
+        }
+        deadline = now_ms() + 1000000;
+      }
+      timeout = static_cast<int>(std::max<int64_t>(0, std::min<int64_t>(left, 100)));
+    }
+    int n = ::epoll_wait(epoll_.get(), events, 32, timeout);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      TS_LOG_ERROR("epoll_wait failed: %s", std::strerror(errno));
+      return 1;
+    }
+    for (int i = 0; i < n; ++i) {
+      uint64_t key = events[i].data.u64;
+      if (key == kListenerKey) {
+        on_listener();
+      } else if (key == kSignalKey) {
+        bool was_stopping = stopping_;
+        on_signal();
+        if (stopping_ && !was_stopping) deadline = now_ms() + kShutdownGraceMs;
+      } else {
+        on_conn(key, events[i].events);
+      }
+    }
+    collect_dead();
+  }
+  TS_LOG_INFO("teesim stopped");
+  return 0;
+}
+
+void Daemon::on_listener() {
+  for (;;) {
+    int fd = ::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd < 0) {
+      if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) return;
+      TS_LOG_WARN("accept failed: %s", std::strerror(errno));
+      return;
+    }
+    auto c = std::make_unique<Client>();
+    c->id = next_conn_id_++;
+    c->fd.reset(fd);
+    if (!read_peer_credentials(fd, &c->creds)) {
+      TS_LOG_WARN("a client without credentials was turned away");
+      continue;
+    }
+    epoll_event ev{};
+    ev.events = EPOLLIN | EPOLLRDHUP;
+    ev.data.u64 = c->id;
+    if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &ev) != 0) continue;
+    TS_LOG_DEBUG("client pid %d (uid %u) connected", static_cast<int>(c->creds.pid), c->creds.uid);
+    conns_[c->id] = std::move(c);
+  }
+}
+
+void Daemon::on_signal() {
+  signalfd_siginfo si;
+  while (::read(signals_.get(), &si, sizeof si) == static_cast<ssize_t>(sizeof si)) {
+    if (si.ssi_signo == SIGCHLD) {
+      reap();
+    } else if (!stopping_) {
+      TS_LOG_INFO("received %s; stopping", si.ssi_signo == SIGTERM ? "SIGTERM" : "SIGINT");
+      shutdown();
+    }
+  }
+}
+
+void Daemon::reap() {
+  for (;;) {
+    int status = 0;
+    pid_t pid = ::waitpid(-1, &status, WNOHANG);
+    if (pid <= 0) return;
+    auto it = children_.find(pid);
+    if (it == children_.end()) continue;
+    const ChildRecord& rec = it->second;
+    bool normal = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    if (normal && rec.retiring) {
+      TS_LOG_DEBUG("%s ended", rec.label.c_str());
+    } else if (normal) {
+      TS_LOG_INFO("%s ended", rec.label.c_str());
+    } else {
+      TS_LOG_WARN("%s %s", rec.label.c_str(), describe_status(status).c_str());
+    }
+    children_.erase(it);
+  }
+}
+
+void Daemon::shutdown() {
+  stopping_ = true;
+  ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, listener_.get(), nullptr);
+  listener_.reset();
+  for (auto& [id, c] : conns_) {
+    if (c->dead) continue;
+    if (c->kind == Conn::Kind::Client) {
+      drop(*c, nullptr);
+    } else {
+      auto& in = static_cast<Instance&>(*c);
+      if (in.state != Instance::State::Retiring) {
+        in.state = Instance::State::Retiring;
+        children_[in.pid].retiring = true;
+        send(in, 0, wire::HostDestroy{});
+      }
+    }
+  }
+}
+
+void Daemon::on_conn(uint64_t id, uint32_t events) {
+  auto it = conns_.find(id);
+  if (it == conns_.end() || it->second->dead) return;
+  Conn& c = *it->second;
+  if (events & EPOLLOUT) flush(c);
+  if (!c.dead && (events & (EPOLLIN | EPOLLHUP | EPOLLERR | EPOLLRDHUP))) read_frames(c);
+}
+
+void Daemon::read_frames(Conn& c) {
+  FdList fds;
+  for (int budget = 0; budget < 64 && !c.dead; ++budget) {
+    ssize_t n = recv_frame(c.fd.get(), buf_.data(), buf_.size(), &fds, /*nonblocking=*/true);
+    if (n == -EAGAIN) return;
+    if (n == 0) {
+      drop(c, nullptr);
+      return;
+    }
+    if (n < 0) {
+      drop(c, n == -EMSGSIZE ? "sent an oversized frame" : "connection failed");
+      return;
+    }
+    wire::Frame frame;
+    wire::Status st = wire::parse_frame(buf_.data(), static_cast<size_t>(n), &frame);
+    if (st != wire::Status::Ok) {
+      TS_LOG_WARN("malformed frame (%s)", wire::status_name(st));
+      drop(c, "sent a malformed frame");
+      return;
+    }
+    if (c.kind == Conn::Kind::Client) {
+      on_client_frame(static_cast<Client&>(c), frame, fds);
+    } else {
+      on_instance_frame(static_cast<Instance&>(c), frame, fds);
+    }
+    wipe(buf_.data(), static_cast<size_t>(n)); /* memref bytes pass through here */
+    fds.clear();
+  }
+}
+
+void Daemon::on_client_frame(Client& c, const wire::Frame& f, FdList& fds) {
+  if (!c.greeted) {
+    wire::Hello hello;
+    if (wire::decode(f, fds.count, &hello) != wire::Status::Ok) {
+      drop(c, "did not start with a greeting");
+      return;
+    }
+    c.greeted = true;
+    wire::HelloReply reply;
+    reply.daemon_pid = static_cast<uint32_t>(::getpid());
+    reply.max_shm_size = wire::kMaxShmSize;
+    send(c, f.tag, reply);
+    return;
+  }
+  if (f.type == wire::MsgType::OpenSession) {
+    open_session(c, f, fds);
+    return;
+  }
+  drop(c, "sent an unexpected message");
+}
+
+void Daemon::open_session(Client& c, const wire::Frame& f, FdList& fds) {
+  wire::OpenSession msg;
+  wire::Status st = wire::decode(f, fds.count, &msg);
+  if (st != wire::Status::Ok) {
+    TS_LOG_WARN("client pid %d: bad open-session request (%s)", static_cast<int>(c.creds.pid),
+                wire::status_name(st));
+    drop(c, "sent a malformed frame");
+    return;
+  }
+  /* Counted until answered; every answer, refusals included, uncounts it. */
+  ++c.pending_opens;
+  auto refuse = [&](uint32_t result) {
+    answer_open(c.id, f.tag, result, TEEC_ORIGIN_TEE, 0, nullptr, UniqueFd());
+  };
+  if (stopping_) return refuse(TEEC_ERROR_BUSY);
+  if (c.pending_opens > kMaxPendingOpensPerClient) return refuse(TEEC_ERROR_BUSY);
+  Uuid identity;
+  uint32_t r = client_identity(msg.login, msg.has_group, msg.group, c.creds, &identity);
+  if (r != TEEC_SUCCESS) {
+    TS_LOG_INFO("client pid %d: login 0x%x refused (0x%08x)", static_cast<int>(c.creds.pid),
+                msg.login, r);
+    return refuse(r);
+  }
+  const std::string ta_text = uuid_to_string(msg.ta);
+  const std::string path = settings_.ta_dir + "/" + ta_text + ".ta";
+  struct stat sb{};
+  if (::stat(path.c_str(), &sb) != 0 || !S_ISREG(sb.st_mode)) {
+    TS_LOG_INFO("client pid %d asked for TA %s, which is not installed in %s",
+                static_cast<int>(c.creds.pid), ta_text.c_str(), settings_.ta_dir.c_str());
+    return refuse(TEEC_ERROR_ITEM_NOT_FOUND);
+  }
+
+  PendingOpen p;
+  p.session_id = next_session_id_++;
+  if (next_session_id_ == 0) next_session_id_ = 1;
+  p.client_id = c.id;
+  p.tag = f.tag;
+  p.ta = msg.ta;
+  wire::HostOpen host_open;
+  host_open.session_id = p.session_id;
+  host_open.login = msg.login;
+  host_open.client_id = identity;
+  host_open.params = msg.params;
+  if (wire::encode(p.host_open, 0, host_open) != wire::Status::Ok) return refuse(TEEC_ERROR_BAD_PARAMETERS);
+  for (size_t i = 0; i < fds.count; ++i) p.shm_fds.push_back(std::move(fds.fds[i]));
+  fds.count = 0;
+  TS_LOG_DEBUG("client pid %d opens session %u with TA %s", static_cast<int>(c.creds.pid),
+               p.session_id, ta_text.c_str());
+  route(std::move(p));
+}
+
+void Daemon::route(PendingOpen p) {
+  auto known = known_flags_.find(p.ta);
+  bool maybe_shared = known == known_flags_.end() || (known->second & TEESIM_TA_FLAG_SINGLE_INSTANCE);
+  if (maybe_shared) {
+    std::vector<uint64_t> candidates;
+    auto range = instances_by_ta_.equal_range(p.ta);
+    for (auto it = range.first; it != range.second; ++it) candidates.push_back(it->second);
+    for (uint64_t id : candidates) {
+      Instance* in = instance(id);
+      if (in == nullptr || in->dead) continue;
+      /* A client may learn of an instance's death (its session channel
+       * broke) before this loop has read the end of the control channel -
+       * or before the dying process has even released it. Only a process
+       * whose threads are all exiting can have closed a session channel,
+       * so that state, or the channel's end, settles it. */
+      if (peer_gone(in->fd.get()) || process_exiting(in->pid)) {
+        drop(*in, nullptr);
+        continue;
+      }
+      if (in->state == Instance::State::Starting) {
+        in->queued.push_back(std::move(p));
+        return;
+      }
+      if (in->state == Instance::State::Ready && (in->flags & TEESIM_TA_FLAG_SINGLE_INSTANCE)) {
+        dispatch(*in, std::move(p));
+        return;
+      }
+    }
+  }
+  Instance* in = spawn(p.ta);
+  if (in == nullptr) {
+    answer_open(p.client_id, p.tag, TEEC_ERROR_GENERIC, TEEC_ORIGIN_TEE, 0, nullptr, UniqueFd());
+    return;
+  }
+  in->queued.push_back(std::move(p));
+}
+
+Instance* Daemon::spawn(const Uuid& ta) {
+  UniqueFd mine, theirs;
+  if (make_channel(&mine, &theirs) != 0) {
+    TS_LOG_ERROR("cannot make a control channel: %s", std::strerror(errno));
+    return nullptr;
+  }
+  /* The child finds its channel on descriptor 3; a channel already there
+   * would keep its close-on-exec flag through dup2, so move it first. */
+  if (theirs.get() == 3) theirs.reset(::fcntl(theirs.get(), F_DUPFD_CLOEXEC, 10));
+  ::fcntl(mine.get(), F_SETFL, O_NONBLOCK);
+
+  uint32_t instance_no = ++instance_counts_[ta];
+  std::string ta_text = uuid_to_string(ta);
+  std::string daemon_pid = std::to_string(::getpid());
+  char* argv[] = {const_cast<char*>(settings_.host_path.c_str()), const_cast<char*>(ta_text.c_str()),
+                  const_cast<char*>(daemon_pid.c_str()), nullptr};
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, theirs.get(), 3);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  sigset_t none, defaults;
+  sigemptyset(&none);
+  sigemptyset(&defaults);
+  for (int s : {SIGTERM, SIGINT, SIGCHLD, SIGPIPE, SIGHUP}) sigaddset(&defaults, s);
+  posix_spawnattr_setsigmask(&attr, &none);
+  posix_spawnattr_setsigdefault(&attr, &defaults);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  pid_t pid = 0;
+  int err = ::posix_spawn(&pid, settings_.host_path.c_str(), &actions, &attr, argv, environ);
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attr);
+  if (err != 0) {
+    TS_LOG_ERROR("cannot start %s: %s", settings_.host_path.c_str(), std::strerror(err));
+    return nullptr;
+  }
+  theirs.reset();
+
+  auto in = std::make_unique<Instance>();
+  in->id = next_conn_id_++;
+  in->fd = std::move(mine);
+  in->ta = ta;
+  in->ta_text = ta_text;
+  in->pid = pid;
+  in->instance_no = instance_no;
+  children_[pid].label = "TA " + ta_text + " instance " + std::to_string(instance_no) + " (pid " +
+                         std::to_string(pid) + ")";
+  epoll_event ev{};
+  ev.events = EPOLLIN | EPOLLRDHUP;
+  ev.data.u64 = in->id;
+  ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, in->fd.get(), &ev);
+
+  wire::HostInit init;
+  init.ta = ta;
+  init.instance_no = instance_no;
+  init.log_level = static_cast<uint32_t>(settings_.log_level);
+  init.log_flags = settings_.syslog ? 1 : 0;
+  init.ta_path = settings_.ta_dir + "/" + ta_text + ".ta";
+  init.storage_dir = settings_.storage_dir;
+  TaKeys keys;
+  bool ok = derive_ta_keys(settings_.installation_key, ta, &keys);
+  init.storage_key = keys.storage.array();
+  init.name_key = keys.names.array();
+  if (settings_.deterministic_random) {
+    Key256 rk;
+    ok = ok && deterministic_random_key(settings_.random_seed, ta, instance_no, &rk);
+    init.random_mode = 1;
+    init.random_key = rk.array();
+  }
+  Instance* raw = in.get();
+  instances_by_ta_.emplace(ta, raw->id);
+  conns_[raw->id] = std::move(in);
+  if (ok) send(*raw, 0, init, {}, /*secret=*/true);
+  wipe(init.storage_key.data(), init.storage_key.size());
+  wipe(init.name_key.data(), init.name_key.size());
+  wipe(init.random_key.data(), init.random_key.size());
+  if (!ok) {
+    TS_LOG_ERROR("cannot derive the keys of TA %s", ta_text.c_str());
+    ::kill(pid, SIGKILL);
+    drop(*raw, nullptr);
+    return nullptr;
+  }
+  TS_LOG_DEBUG("starting TA %s instance %u (pid %d)", ta_text.c_str(), instance_no,
+               static_cast<int>(pid));
+  return raw;
+}
+
+void Daemon::dispatch(Instance& in, PendingOpen p) {
+  UniqueFd client_end, host_end;
+  if (make_stream_channel(&client_end, &host_end) != 0) {
+    TS_LOG_ERROR("cannot make a session channel: %s", std::strerror(errno));
+    answer_open(p.client_id, p.tag, TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_TEE, 0, nullptr, UniqueFd());
+    return;
+  }
+  std::vector<UniqueFd> fds;
+  fds.push_back(std::move(host_end));
+  for (UniqueFd& f : p.shm_fds) fds.push_back(std::move(f));
+  p.shm_fds.clear();
+  OutFrame frame;
+  frame.bytes = std::move(p.host_open);
+  frame.secret = true; /* memref bytes of the client's open */
+  frame.fds = std::move(fds);
+  in.out.push_back(std::move(frame));
+  flush(in);
+  ++in.dispatched;
+  p.client_end = std::move(client_end);
+  p.instance_id = in.id;
+  uint32_t sid = p.session_id;
+  dispatched_[sid] = std::move(p);
+}
+
+void Daemon::on_instance_frame(Instance& in, const wire::Frame& f, FdList& fds) {
+  switch (f.type) {
+    case wire::MsgType::HostInitReply: {
+      wire::HostInitReply r;
+      if (in.state != Instance::State::Starting || wire::decode(f, fds.count, &r) != wire::Status::Ok) break;
+      on_init_reply(in, r);
+      return;
+    }
+    case wire::MsgType::HostOpenReply: {
+      wire::HostOpenReply r;
+      if (wire::decode(f, fds.count, &r) != wire::Status::Ok) break;
+      on_open_reply(in, f.tag, r);
+      return;
+    }
+    case wire::MsgType::HostSessionClosed: {
+      wire::HostSessionClosed r;
+      if (wire::decode(f, fds.count, &r) != wire::Status::Ok) break;
+      if (in.sessions > 0) --in.sessions;
+      TS_LOG_DEBUG("session %u with TA %s closed", r.session_id, in.ta_text.c_str());
+      maybe_retire(in);
+      return;
+    }
+    default:
+      break;
+  }
+  TS_LOG_ERROR("TA %s instance %u broke the protocol; stopping it", in.ta_text.c_str(), in.instance_no);
+  ::kill(in.pid, SIGKILL);
+  drop(in, nullptr);
+}
+
+void Daemon::on_init_reply(Instance& in, const wire::HostInitReply& r) {
+  if (r.result != TEEC_SUCCESS) {
+    TS_LOG_ERROR("cannot start TA %s: %s", in.ta_text.c_str(), r.error.c_str());
+    in.state = Instance::State::Retiring;
+    children_[in.pid].retiring = true;
+    std::deque<PendingOpen> queued = std::move(in.queued);
+    in.queued.clear();
+    for (PendingOpen& p : queued)
+      answer_open(p.client_id, p.tag, r.result, r.origin, 0, nullptr, UniqueFd());
+    return;
+  }
+  in.state = Instance::State::Ready;
+  in.flags = r.ta_flags;
+  in.name = r.name;
+  known_flags_[in.ta] = r.ta_flags;
+  children_[in.pid].label = "TA " + in.name + " (" + in.ta_text + ") instance " +
+                            std::to_string(in.instance_no) + " (pid " + std::to_string(in.pid) + ")";
+  TS_LOG_INFO("started TA %s (%s) instance %u, pid %d", in.name.c_str(), in.ta_text.c_str(),
+              in.instance_no, static_cast<int>(in.pid));
+  if (settings_.deterministic_random)
+    TS_LOG_WARN("TA %s instance %u draws DETERMINISTIC random numbers (--random-seed)",
+                in.name.c_str(), in.instance_no);
+  std::deque<PendingOpen> queued = std::move(in.queued);
+  in.queued.clear();
+  bool first = true;
+  for (PendingOpen& p : queued) {
+    if (first || (in.flags & TEESIM_TA_FLAG_SINGLE_INSTANCE)) {
+      dispatch(in, std::move(p));
+    } else {
+      route(std::move(p)); /* one instance per session: start another */
+    }
+    first = false;
+  }
+  maybe_retire(in);
+}
+
+void Daemon::on_open_reply(Instance& in, uint32_t, const wire::HostOpenReply& r) {
+  auto it = dispatched_.find(r.session_id);
+  if (it == dispatched_.end() || it->second.instance_id != in.id) {
+    TS_LOG_ERROR("TA %s answered an unknown session %u", in.ta_text.c_str(), r.session_id);
+    return;
+  }
+  PendingOpen p = std::move(it->second);
+  dispatched_.erase(it);
+  if (in.dispatched > 0) --in.dispatched;
+  if (r.result == TEEC_SUCCESS) {
+    ++in.sessions;
+    answer_open(p.client_id, p.tag, r.result, r.origin, r.session_id, &r.params,
+                std::move(p.client_end));
+  } else {
+    answer_open(p.client_id, p.tag, r.result, r.origin, 0, &r.params, UniqueFd());
+  }
+  maybe_retire(in);
+}
+
+void Daemon::answer_open(uint64_t client_id, uint32_t tag, uint32_t result, uint32_t origin,
+                         uint32_t session_id, const wire::Params* params, UniqueFd channel) {
+  Client* c = client(client_id);
+  if (c == nullptr) return; /* gone: dropping the channel closes the session */
+  if (c->pending_opens > 0) --c->pending_opens;
+  wire::OpenSessionReply reply;
+  reply.result = result;
+  reply.origin = origin;
+  reply.session_id = result == TEEC_SUCCESS ? session_id : 0;
+  if (params != nullptr) reply.params = *params;
+  std::vector<UniqueFd> fds;
+  if (result == TEEC_SUCCESS) fds.push_back(std::move(channel));
+  send(*c, tag, reply, std::move(fds), /*secret=*/params != nullptr);
+}
+
+void Daemon::maybe_retire(Instance& in) {
+  if (in.state != Instance::State::Ready || in.dead) return;
+  if (in.sessions > 0 || in.dispatched > 0 || !in.queued.empty()) return;
+  const uint32_t keep = TEESIM_TA_FLAG_SINGLE_INSTANCE | TEESIM_TA_FLAG_KEEP_ALIVE;
+  if ((in.flags & keep) == keep && !stopping_) return;
+  in.state = Instance::State::Retiring;
+  children_[in.pid].retiring = true;
+  send(in, 0, wire::HostDestroy{});
+}
+
+template <typename M>
+void Daemon::send(Conn& c, uint32_t tag, const M& msg, std::vector<UniqueFd> fds, bool secret) {
+  if (c.dead) return;
+  OutFrame frame;
+  frame.secret = secret;
+  frame.bytes.reserve(wire::kMaxFrameSize); /* no reallocation may leave a copy behind */
+  if (wire::encode(frame.bytes, tag, msg) != wire::Status::Ok) {
+    TS_LOG_ERROR("cannot encode a frame");
+    return;
+  }
+  frame.fds = std::move(fds);
+  c.out.push_back(std::move(frame));
+  if (c.kind == Conn::Kind::Client && c.out.size() > kMaxQueuedFramesPerClient) {
+    drop(c, "does not read its answers");
+    return;
+  }
+  flush(c);
+}
+
+void Daemon::flush(Conn& c) {
+  while (!c.out.empty() && !c.dead) {
+    OutFrame& f = c.out.front();
+    int raw[wire::kMaxFds];
+    size_t n = std::min(f.fds.size(), wire::kMaxFds);
+    for (size_t i = 0; i < n; ++i) raw[i] = f.fds[i].get();
+    int r = send_frame(c.fd.get(), f.bytes.data(), f.bytes.size(), raw, n, /*nonblocking=*/true);
+    if (r == -EAGAIN) break;
+    if (r != 0) {
+      drop(c, nullptr);
+      return;
+    }
+    c.out.pop_front();
+  }
+  update_events(c);
+}
+
+void Daemon::update_events(Conn& c) {
+  bool want = !c.out.empty();
+  if (want == c.waiting_writable || c.dead) return;
+  c.waiting_writable = want;
+  epoll_event ev{};
+  ev.events = EPOLLIN | EPOLLRDHUP | (want ? EPOLLOUT : 0u);
+  ev.data.u64 = c.id;
+  ::epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, c.fd.get(), &ev);
+}
+
+void Daemon::drop(Conn& c, const char* why) {
+  if (c.dead) return;
+  c.dead = true;
+  ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, c.fd.get(), nullptr);
+  if (c.kind == Conn::Kind::Client) {
+    auto& cl = static_cast<Client&>(c);
+    if (why != nullptr) {
+      TS_LOG_WARN("client pid %d %s; closing its connection", static_cast<int>(cl.creds.pid), why);
+    } else {
+      TS_LOG_DEBUG("client pid %d disconnected", static_cast<int>(cl.creds.pid));
+    }
+  } else {
+    instance_gone(static_cast<Instance&>(c));
+  }
+}
+
+void Daemon::instance_gone(Instance& in) {
+  /* Whatever was on its way to this instance will never be answered. */
+  for (auto it = dispatched_.begin(); it != dispatched_.end();) {
+    if (it->second.instance_id == in.id) {
+      answer_open(it->second.client_id, it->second.tag, TEEC_ERROR_TARGET_DEAD, TEEC_ORIGIN_TEE, 0,
+                  nullptr, UniqueFd());
+      it = dispatched_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  std::deque<PendingOpen> queued = std::move(in.queued);
+  in.queued.clear();
+  for (PendingOpen& p : queued)
+    answer_open(p.client_id, p.tag, TEEC_ERROR_TARGET_DEAD, TEEC_ORIGIN_TEE, 0, nullptr, UniqueFd());
+  auto range = instances_by_ta_.equal_range(in.ta);
+  for (auto it = range.first; it != range.second; ++it) {
+    if (it->second == in.id) {
+      instances_by_ta_.erase(it);
+      break;
+    }
+  }
+  if (in.state != Instance::State::Retiring)
+    TS_LOG_DEBUG("TA %s instance %u lost its control channel", in.ta_text.c_str(), in.instance_no);
+}
+
+void Daemon::collect_dead() {
+  for (auto it = conns_.begin(); it != conns_.end();) {
+    if (it->second->dead) {
+      it = conns_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
+}  // namespace
+
+int serve(Settings settings, UniqueFd listener) {
+  Daemon d(std::move(settings), std::move(listener));
+  return d.run();
+}
+
+}  // namespace teesim::daemon

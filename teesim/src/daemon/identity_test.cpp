@@ -1,0 +1,69 @@
+#include "daemon/identity.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "tee_client_api.h"
+
+namespace teesim::daemon {
+namespace {
+
+PeerCredentials sample() {
+  PeerCredentials p;
+  p.pid = 100;
+  p.uid = 1000;
+  p.gid = 1000;
+  p.groups = {27, 100};
+  p.exe = "/usr/bin/tessera";
+  return p;
+}
+
+TEST(Identity, NameUuidsAreVersion5AndStable) {
+  Uuid a = name_uuid("uid:1000");
+  EXPECT_EQ(a, name_uuid("uid:1000"));
+  EXPECT_NE(a, name_uuid("uid:1001"));
+  EXPECT_EQ(a.bytes[6] >> 4, 5);
+  EXPECT_EQ(a.bytes[8] & 0xC0, 0x80);
+}
+
+TEST(Identity, EachLoginMethodNamesTheClientDifferently) {
+  PeerCredentials p = sample();
+  Uuid pub, user, group, app, user_app, group_app;
+  ASSERT_EQ(client_identity(TEEC_LOGIN_PUBLIC, false, 0, p, &pub), TEEC_SUCCESS);
+  EXPECT_EQ(pub, Uuid{});
+  ASSERT_EQ(client_identity(TEEC_LOGIN_USER, false, 0, p, &user), TEEC_SUCCESS);
+  ASSERT_EQ(client_identity(TEEC_LOGIN_GROUP, true, 100, p, &group), TEEC_SUCCESS);
+  ASSERT_EQ(client_identity(TEEC_LOGIN_APPLICATION, false, 0, p, &app), TEEC_SUCCESS);
+  ASSERT_EQ(client_identity(TEEC_LOGIN_USER_APPLICATION, false, 0, p, &user_app), TEEC_SUCCESS);
+  ASSERT_EQ(client_identity(TEEC_LOGIN_GROUP_APPLICATION, true, 1000, p, &group_app), TEEC_SUCCESS);
+  std::set<Uuid> all = {pub, user, group, app, user_app, group_app};
+  EXPECT_EQ(all.size(), 6u);
+  EXPECT_EQ(user, name_uuid("uid:1000"));
+}
+
+TEST(Identity, GroupLoginsNeedMembershipAndUnknownMethodsAreRefused) {
+  PeerCredentials p = sample();
+  Uuid id;
+  EXPECT_EQ(client_identity(TEEC_LOGIN_GROUP, false, 0, p, &id), TEEC_ERROR_BAD_PARAMETERS);
+  EXPECT_EQ(client_identity(TEEC_LOGIN_GROUP, true, 4242, p, &id), TEEC_ERROR_ACCESS_DENIED);
+  EXPECT_EQ(client_identity(0x7, false, 0, p, &id), TEEC_ERROR_BAD_PARAMETERS);
+  p.exe.clear();
+  EXPECT_EQ(client_identity(TEEC_LOGIN_APPLICATION, false, 0, p, &id), TEEC_ERROR_ACCESS_DENIED);
+}
+
+TEST(Identity, PeerCredentialsOfASocketPair) {
+  int sv[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sv), 0);
+  PeerCredentials p;
+  ASSERT_TRUE(read_peer_credentials(sv[0], &p));
+  EXPECT_EQ(p.pid, ::getpid());
+  EXPECT_EQ(p.uid, ::geteuid());
+  EXPECT_FALSE(p.exe.empty());
+  ::close(sv[0]);
+  ::close(sv[1]);
+}
+
+}  // namespace
+}  // namespace teesim::daemon

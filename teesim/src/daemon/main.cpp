@@ -1,0 +1,370 @@
+/*
+ * teesim: start-up of the daemon. Checks folders and files, takes the locks
+ * that make one daemon per socket and per storage folder, loads or makes the
+ * installation key, binds the socket and hands over to the event loop.
+ * In the background the command returns only once the socket accepts
+ * clients, or with the reason it could not.
+ */
+#include <dirent.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/file.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "common/fs.h"
+#include "common/log.h"
+#include "daemon/daemon.h"
+#include "daemon/keys.h"
+#include "daemon/options.h"
+#include "teesim/paths.h"
+#include "teesim/unique_fd.h"
+#include "teesim/uuid.h"
+
+#ifndef TEESIM_VERSION
+#define TEESIM_VERSION "0"
+#endif
+
+namespace teesim::daemon {
+namespace {
+
+/* A start-up failure: what to tell the user and how to exit. */
+struct Failure {
+  int code = kExitOk;
+  std::string message;
+  bool failed() const { return code != kExitOk; }
+};
+
+Failure fail(int code, std::string message) { return Failure{code, std::move(message)}; }
+
+std::string errno_text(int e) { return std::strerror(e); }
+
+std::string read_pid_file(int fd) {
+  char buf[32] = {};
+  ssize_t n = ::pread(fd, buf, sizeof buf - 1, 0);
+  std::string s = n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
+  while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
+  return s.empty() ? "unknown" : s;
+}
+
+/* Takes an exclusive lock file held for the daemon's lifetime, with our pid
+ * in it. Returns an empty Failure, or why the lock is not ours. */
+Failure take_lock(const std::string& path, const std::string& what, int busy_code,
+                  UniqueFd* out) {
+  UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (!fd) return fail(kExitUsage, "cannot open " + path + ": " + errno_text(errno));
+  if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno == EWOULDBLOCK)
+      return fail(busy_code, what + " (pid " + read_pid_file(fd.get()) + ")");
+    return fail(kExitUsage, "cannot lock " + path + ": " + errno_text(errno));
+  }
+  std::string pid = std::to_string(::getpid()) + "\n";
+  if (::ftruncate(fd.get(), 0) != 0 || ::pwrite(fd.get(), pid.data(), pid.size(), 0) < 0)
+    return fail(kExitUsage, "cannot write " + path + ": " + errno_text(errno));
+  *out = std::move(fd);
+  return {};
+}
+
+Failure resolve_dir(const std::string& dir, const char* what, std::string* out) {
+  char real[PATH_MAX];
+  if (::realpath(dir.c_str(), real) == nullptr)
+    return fail(kExitUsage, std::string(what) + " " + dir + ": " + errno_text(errno));
+  struct stat st{};
+  if (::stat(real, &st) != 0 || !S_ISDIR(st.st_mode))
+    return fail(kExitUsage, std::string(what) + " " + dir + " is not a folder");
+  if (::access(real, R_OK | X_OK) != 0)
+    return fail(kExitUsage, std::string(what) + " " + dir + ": " + errno_text(errno));
+  *out = real;
+  return {};
+}
+
+/* The socket's folder must not let another user replace our socket. */
+Failure check_socket_dir(const std::string& dir) {
+  struct stat st{};
+  if (::stat(dir.c_str(), &st) != 0)
+    return fail(kExitUsage, "socket folder " + dir + ": " + errno_text(errno));
+  if (!S_ISDIR(st.st_mode)) return fail(kExitUsage, "socket folder " + dir + " is not a folder");
+  bool ours = st.st_uid == ::geteuid() || st.st_uid == 0;
+  bool shared_writable = (st.st_mode & (S_IWGRP | S_IWOTH)) && !(st.st_mode & S_ISVTX);
+  if (!ours || shared_writable)
+    return fail(kExitUsage, "socket folder " + dir +
+                                " may be changed by other users; choose a private folder");
+  return {};
+}
+
+Failure bind_socket(const std::string& path, UniqueFd* out) {
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  if (path.size() >= sizeof addr.sun_path)
+    return fail(kExitUsage, "socket path " + path + " is too long (" + std::to_string(path.size()) +
+                                " bytes, at most " + std::to_string(sizeof addr.sun_path - 1) + ")");
+  std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+
+  struct stat st{};
+  if (::lstat(path.c_str(), &st) == 0) {
+    if (!S_ISSOCK(st.st_mode))
+      return fail(kExitUsage, path + " exists and is not a socket; remove it or choose another path");
+    /* We hold the socket's lock, so no teesim serves it; is anything else? */
+    UniqueFd probe(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    if (probe && ::connect(probe.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0)
+      return fail(kExitAlreadyRunning, "socket " + path + " is in use by another program");
+    if (::unlink(path.c_str()) != 0)
+      return fail(kExitUsage, "cannot remove the stale socket " + path + ": " + errno_text(errno));
+  }
+  UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!fd) return fail(kExitFailure, "cannot make a socket: " + errno_text(errno));
+  mode_t old = ::umask(0077); /* the socket file is born mode 0600 */
+  int r = ::bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+  int e = errno;
+  ::umask(old);
+  if (r != 0) {
+    if (e == EADDRINUSE) return fail(kExitAlreadyRunning, "socket " + path + " is already in use");
+    return fail(kExitUsage, "cannot bind " + path + ": " + errno_text(e));
+  }
+  if (::listen(fd.get(), 64) != 0) return fail(kExitFailure, "cannot listen on " + path + ": " + errno_text(errno));
+  *out = std::move(fd);
+  return {};
+}
+
+bool is_uuid_name(const char* name) {
+  Uuid u;
+  return uuid_parse(name, &u);
+}
+
+/* Removes leftovers of interrupted writes and the storage the user asked to
+ * wipe. Runs before any TA instance, under the storage lock. */
+Failure tidy_storage(const std::string& storage, const Options& o) {
+  bool wipe_all = false;
+  for (const std::string& w : o.wipe) wipe_all = wipe_all || w == "all";
+  std::vector<std::string> tas;
+  if (DIR* d = ::opendir(storage.c_str())) {
+    while (dirent* e = ::readdir(d)) {
+      if (is_uuid_name(e->d_name)) tas.emplace_back(e->d_name);
+    }
+    ::closedir(d);
+  }
+  for (const std::string& ta : tas) {
+    int removed = fs::remove_temp_files(storage + "/" + ta);
+    if (removed > 0)
+      TS_LOG_INFO("removed %d unfinished write(s) of TA %s left by a crash", removed, ta.c_str());
+  }
+  std::vector<std::string> targets = wipe_all ? tas : std::vector<std::string>();
+  if (!wipe_all)
+    for (const std::string& w : o.wipe) targets.push_back(w);
+  for (const std::string& ta : targets) {
+    int r = fs::remove_flat_dir(storage + "/" + ta);
+    if (r == 0) {
+      TS_LOG_WARN("wiped the persistent objects of TA %s", ta.c_str());
+    } else if (r == -ENOENT) {
+      TS_LOG_INFO("TA %s has no persistent objects to wipe", ta.c_str());
+    } else {
+      return fail(kExitUsage, "cannot wipe the storage of TA " + ta + ": " + errno_text(-r));
+    }
+  }
+  return {};
+}
+
+std::string host_executable() {
+  char self[PATH_MAX];
+  ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
+  if (n <= 0) return "teesim-tahost";
+  self[n] = '\0';
+  return paths::parent_dir(self) + "/teesim-tahost";
+}
+
+/* Everything between the options and the event loop. Fills settings and
+ * listener, and keeps the locks in `locks` for the daemon's lifetime. */
+Failure prepare(const Options& o, Settings* settings, UniqueFd* listener, UniqueFd locks[2],
+                std::string* socket_path) {
+  Failure f = resolve_dir(o.ta_dir, "TA folder", &settings->ta_dir);
+  if (f.failed()) return f;
+
+  int r = fs::make_dirs(o.storage_dir, 0700);
+  if (r != 0) return fail(kExitUsage, "cannot make the storage folder " + o.storage_dir + ": " + errno_text(-r));
+  f = resolve_dir(o.storage_dir, "storage folder", &settings->storage_dir);
+  if (f.failed()) return f;
+  std::string why;
+  if (fs::check_private_dir(settings->storage_dir, &why) != 0)
+    return fail(kExitUsage, "storage folder " + settings->storage_dir + " is " + why);
+
+  std::string sock_dir = paths::parent_dir(o.socket_path);
+  r = fs::make_dirs(sock_dir, 0700);
+  if (r != 0) return fail(kExitUsage, "cannot make the socket folder " + sock_dir + ": " + errno_text(-r));
+  std::string real_dir;
+  f = resolve_dir(sock_dir, "socket folder", &real_dir);
+  if (f.failed()) return f;
+  f = check_socket_dir(real_dir);
+  if (f.failed()) return f;
+  size_t slash = o.socket_path.find_last_of('/');
+  *socket_path = real_dir + "/" + (slash == std::string::npos ? o.socket_path : o.socket_path.substr(slash + 1));
+
+  settings->host_path = host_executable();
+  if (::access(settings->host_path.c_str(), X_OK) != 0)
+    return fail(kExitUsage, "cannot run " + settings->host_path + " (" + errno_text(errno) +
+                                "); it belongs beside the teesim executable");
+
+  f = take_lock(*socket_path + ".lock", "another teesim already serves " + *socket_path,
+                kExitAlreadyRunning, &locks[0]);
+  if (f.failed()) return f;
+  f = take_lock(settings->storage_dir + "/.lock",
+                "storage folder " + settings->storage_dir + " is in use by another teesim",
+                kExitUsage, &locks[1]);
+  if (f.failed()) return f;
+
+  bool created = false;
+  if (!load_or_create_installation_key(settings->storage_dir, &settings->installation_key, &created, &why))
+    return fail(kExitUsage, "installation key: " + why);
+  if (created)
+    TS_LOG_INFO("made a new installation key in %s/%s", settings->storage_dir.c_str(),
+                kInstallationKeyFile);
+  f = tidy_storage(settings->storage_dir, o);
+  if (f.failed()) return f;
+  return bind_socket(*socket_path, listener);
+}
+
+/* The background handshake: the parent waits on a pipe for one status byte
+ * (and a message) from the daemon process. */
+int wait_for_daemon(int status_fd) {
+  std::string got;
+  char buf[512];
+  for (;;) {
+    ssize_t n = ::read(status_fd, buf, sizeof buf);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    got.append(buf, static_cast<size_t>(n));
+  }
+  if (got.empty()) {
+    std::fprintf(stderr, "teesim: the daemon ended during start-up\n");
+    return kExitFailure;
+  }
+  int code = static_cast<unsigned char>(got[0]);
+  if (code != kExitOk) std::fprintf(stderr, "teesim: %s\n", got.c_str() + 1);
+  return code;
+}
+
+void report_to_parent(int status_fd, int code, const std::string& message) {
+  std::string msg(1, static_cast<char>(code));
+  msg += message;
+  (void)::write(status_fd, msg.data(), msg.size());
+}
+
+int redirect(int fd, const char* path, int flags) {
+  int f = ::open(path, flags | O_CLOEXEC, 0600);
+  if (f < 0) return -errno;
+  int r = ::dup2(f, fd) < 0 ? -errno : 0;
+  ::close(f);
+  return r;
+}
+
+int run(int argc, char** argv) {
+  Options o;
+  std::string error;
+  if (!parse_options(argc, argv, &o, &error)) {
+    std::fprintf(stderr, "teesim: %s\nTry 'teesim --help'.\n", error.c_str());
+    return kExitUsage;
+  }
+  if (o.help) {
+    std::fputs(usage("teesim").c_str(), stdout);
+    return kExitOk;
+  }
+  if (o.version) {
+    std::printf("teesim %s\n", TEESIM_VERSION);
+    return kExitOk;
+  }
+  bool to_syslog = !o.foreground && o.log_file.empty();
+  log::init("teesim", o.log_level, to_syslog);
+
+  if (o.has_random_seed) {
+    std::fprintf(stderr,
+                 "teesim: WARNING: --random-seed is set: TEE_GenerateRandom is DETERMINISTIC.\n"
+                 "teesim: WARNING: every key and secret a TA makes is predictable. Tests only!\n");
+  }
+
+  /* In the background, the process that reports to the user waits here. */
+  int status_fd = -1;
+  if (!o.foreground) {
+    int p[2];
+    if (::pipe2(p, O_CLOEXEC) != 0) {
+      std::fprintf(stderr, "teesim: cannot make a pipe: %s\n", std::strerror(errno));
+      return kExitFailure;
+    }
+    pid_t pid = ::fork();
+    if (pid < 0) {
+      std::fprintf(stderr, "teesim: cannot fork: %s\n", std::strerror(errno));
+      return kExitFailure;
+    }
+    if (pid > 0) {
+      ::close(p[1]);
+      return wait_for_daemon(p[0]);
+    }
+    ::close(p[0]);
+    status_fd = p[1];
+    ::setsid();
+  }
+
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGCHLD);
+  ::sigprocmask(SIG_BLOCK, &set, nullptr);
+  ::signal(SIGPIPE, SIG_IGN);
+  ::signal(SIGHUP, SIG_IGN);
+#ifndef TESSERA_SANITIZE
+  ::prctl(PR_SET_DUMPABLE, 0); /* the installation key lives in this process */
+#endif
+
+  Settings settings;
+  settings.log_level = o.log_level;
+  settings.syslog = to_syslog;
+  settings.deterministic_random = o.has_random_seed;
+  settings.random_seed = o.random_seed;
+  UniqueFd listener, locks[2];
+  std::string socket_path;
+  Failure f = prepare(o, &settings, &listener, locks, &socket_path);
+  if (!f.failed() && !o.log_file.empty()) {
+    int r = redirect(STDERR_FILENO, o.log_file.c_str(), O_WRONLY | O_APPEND | O_CREAT);
+    if (r != 0) f = fail(kExitUsage, "cannot open the log file " + o.log_file + ": " + errno_text(-r));
+  }
+  if (f.failed()) {
+    if (status_fd >= 0) {
+      report_to_parent(status_fd, f.code, f.message);
+    } else {
+      std::fprintf(stderr, "teesim: %s\n", f.message.c_str());
+    }
+    if (listener) ::unlink(socket_path.c_str());
+    return f.code;
+  }
+
+  if (o.has_random_seed)
+    TS_LOG_WARN("TEE_GenerateRandom is DETERMINISTIC (--random-seed); TA keys are predictable");
+  TS_LOG_INFO("teesim %s serving %s (TAs from %s, storage in %s)", TEESIM_VERSION,
+              socket_path.c_str(), settings.ta_dir.c_str(), settings.storage_dir.c_str());
+
+  if (status_fd >= 0) {
+    (void)redirect(STDIN_FILENO, "/dev/null", O_RDONLY);
+    (void)redirect(STDOUT_FILENO, "/dev/null", O_WRONLY);
+    if (o.log_file.empty()) (void)redirect(STDERR_FILENO, "/dev/null", O_WRONLY);
+    report_to_parent(status_fd, kExitOk, "");
+    ::close(status_fd);
+  }
+
+  int code = serve(std::move(settings), std::move(listener));
+  ::unlink(socket_path.c_str());
+  return code;
+}
+
+}  // namespace
+}  // namespace teesim::daemon
+
+int main(int argc, char** argv) { return teesim::daemon::run(argc, argv); }

@@ -1,0 +1,124 @@
+#include "daemon/options.h"
+
+#include <getopt.h>
+
+#include <cstring>
+
+#include "teesim/paths.h"
+#include "teesim/uuid.h"
+
+namespace teesim::daemon {
+
+namespace {
+
+enum LongOnly { kLogFile = 256, kRandomSeed, kWipeStorage, kVersion };
+
+const option kOptions[] = {
+    {"socket", required_argument, nullptr, 's'},
+    {"ta-dir", required_argument, nullptr, 't'},
+    {"storage-dir", required_argument, nullptr, 'd'},
+    {"foreground", no_argument, nullptr, 'f'},
+    {"background", no_argument, nullptr, 'b'},
+    {"log-level", required_argument, nullptr, 'l'},
+    {"log-file", required_argument, nullptr, kLogFile},
+    {"random-seed", required_argument, nullptr, kRandomSeed},
+    {"wipe-storage", required_argument, nullptr, kWipeStorage},
+    {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, kVersion},
+    {nullptr, 0, nullptr, 0},
+};
+
+}  // namespace
+
+std::string usage(const char* program) {
+  std::string p = program != nullptr ? program : "teesim";
+  return "Usage: " + p + " [options]\n"
+         "Runs the teesim daemon: a simulated GlobalPlatform TEE that hosts Trusted\n"
+         "Applications, each instance in a process of its own, for clients of libteec.\n"
+         "libteec starts it on demand, so it rarely needs to be started by hand.\n"
+         "\n"
+         "  -s, --socket PATH        Unix socket to serve (default: $TEESIM_SOCKET, else\n"
+         "                           /run/teesim/teesim.sock as root, $XDG_RUNTIME_DIR/teesim.sock,\n"
+         "                           or /tmp/teesim-<uid>/teesim.sock)\n"
+         "  -t, --ta-dir DIR         folder of the TAs, one <uuid>.ta per TA with an optional\n"
+         "                           <uuid>.props (default: $TEESIM_TA_DIR, else the build's TA folder)\n"
+         "  -d, --storage-dir DIR    folder of the installation key and the TAs' persistent\n"
+         "                           objects (default: $TEESIM_STORAGE_DIR, else /var/lib/teesim as\n"
+         "                           root or ${XDG_DATA_HOME:-~/.local/share}/teesim)\n"
+         "  -f, --foreground         stay in the foreground and log to standard error\n"
+         "  -b, --background         detach once serving (the default); the command returns\n"
+         "                           when the socket accepts clients, or fails with the reason\n"
+         "  -l, --log-level LEVEL    error, warn, info (default) or debug\n"
+         "      --log-file PATH      append the log to PATH (default: standard error in the\n"
+         "                           foreground, syslog in the background)\n"
+         "      --random-seed SEED   FOR TESTS ONLY: make TEE_GenerateRandom a deterministic\n"
+         "                           function of SEED, so runs repeat exactly; keys made by TAs\n"
+         "                           are then predictable\n"
+         "      --wipe-storage UUID  delete the persistent objects of TA UUID before serving\n"
+         "                           (repeatable; \"all\" for every TA)\n"
+         "  -h, --help               show this text\n"
+         "      --version            show the version\n"
+         "\n"
+         "Exit status: 0 stopped cleanly (SIGTERM or SIGINT), 1 failed while running,\n"
+         "2 bad options, folders or files, 3 another teesim already serves the socket.\n";
+}
+
+bool parse_options(int argc, char** argv, Options* out, std::string* error) {
+  Options o;
+  std::string level_text;
+  ::optind = 1;
+  ::opterr = 0;
+  int c;
+  while ((c = ::getopt_long(argc, argv, ":s:t:d:fbl:h", kOptions, nullptr)) != -1) {
+    switch (c) {
+      case 's': o.socket_path = ::optarg; break;
+      case 't': o.ta_dir = ::optarg; break;
+      case 'd': o.storage_dir = ::optarg; break;
+      case 'f': o.foreground = true; break;
+      case 'b': o.foreground = false; break;
+      case 'l':
+        if (!log::parse_level(::optarg, &o.log_level)) {
+          *error = std::string("unknown log level '") + ::optarg + "' (use error, warn, info or debug)";
+          return false;
+        }
+        break;
+      case kLogFile: o.log_file = ::optarg; break;
+      case kRandomSeed:
+        o.has_random_seed = true;
+        o.random_seed = ::optarg;
+        break;
+      case kWipeStorage: {
+        Uuid u;
+        std::string v = ::optarg;
+        if (v == "all") {
+          o.wipe.push_back(v);
+        } else if (uuid_parse(v, &u)) {
+          o.wipe.push_back(uuid_to_string(u));
+        } else {
+          *error = "--wipe-storage needs a TA UUID or \"all\", not '" + v + "'";
+          return false;
+        }
+        break;
+      }
+      case 'h': o.help = true; break;
+      case kVersion: o.version = true; break;
+      case ':':
+        *error = std::string("option ") + argv[::optind - 1] + " needs a value";
+        return false;
+      default:
+        *error = std::string("unknown option '") + argv[::optind - 1] + "'";
+        return false;
+    }
+  }
+  if (::optind < argc) {
+    *error = std::string("unexpected argument '") + argv[::optind] + "'";
+    return false;
+  }
+  if (o.socket_path.empty()) o.socket_path = paths::socket_path();
+  if (o.ta_dir.empty()) o.ta_dir = paths::ta_dir();
+  if (o.storage_dir.empty()) o.storage_dir = paths::storage_dir();
+  *out = std::move(o);
+  return true;
+}
+
+}  // namespace teesim::daemon

@@ -1,0 +1,42 @@
+/* The teesim daemon's command line. */
+#ifndef TEESIM_DAEMON_OPTIONS_H
+#define TEESIM_DAEMON_OPTIONS_H
+
+#include <string>
+#include <vector>
+
+#include "common/log.h"
+
+namespace teesim::daemon {
+
+/* Exit statuses of the teesim command. */
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitFailure = 1;      /* failed while running */
+inline constexpr int kExitUsage = 2;        /* bad options, folders or files */
+inline constexpr int kExitAlreadyRunning = 3; /* another teesim serves the socket */
+
+struct Options {
+  std::string socket_path;
+  std::string ta_dir;
+  std::string storage_dir;
+  bool foreground = false;
+  log::Level log_level = log::Level::Info;
+  std::string log_file;          /* empty: terminal in the foreground, syslog in the background */
+  bool has_random_seed = false;
+  std::string random_seed;
+  std::vector<std::string> wipe; /* TA UUIDs (canonical text) or "all" */
+  bool help = false;
+  bool version = false;
+};
+
+/* Parses argv (argv[0] is the program). Unset folders take the defaults of
+ * teesim/paths.h (environment, then built-in).
+ * Returns true and fills `out`, or false with a one-line reason in `error`. */
+[[nodiscard]] bool parse_options(int argc, char** argv, Options* out, std::string* error);
+
+/* The --help text. */
+std::string usage(const char* program);
+
+}  // namespace teesim::daemon
+
+#endif  // TEESIM_DAEMON_OPTIONS_H

@@ -1,0 +1,83 @@
+#include "daemon/options.h"
+
+#include <stdlib.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace teesim::daemon {
+namespace {
+
+bool parse(std::vector<std::string> args, Options* o, std::string* err) {
+  args.insert(args.begin(), "teesim");
+  std::vector<char*> argv;
+  for (std::string& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  return parse_options(static_cast<int>(args.size()), argv.data(), o, err);
+}
+
+TEST(DaemonOptions, EveryOptionIsRead) {
+  Options o;
+  std::string err;
+  ASSERT_TRUE(parse({"-s", "/tmp/x.sock", "--ta-dir", "/opt/ta", "-d", "/var/s", "-f", "-l", "debug",
+                     "--log-file", "/tmp/log", "--random-seed", "abc", "--wipe-storage",
+                     "58D50001-1105-000B-AF0C-C12FB6EDECCA", "--wipe-storage", "all"},
+                    &o, &err))
+      << err;
+  EXPECT_EQ(o.socket_path, "/tmp/x.sock");
+  EXPECT_EQ(o.ta_dir, "/opt/ta");
+  EXPECT_EQ(o.storage_dir, "/var/s");
+  EXPECT_TRUE(o.foreground);
+  EXPECT_EQ(o.log_level, log::Level::Debug);
+  EXPECT_EQ(o.log_file, "/tmp/log");
+  EXPECT_TRUE(o.has_random_seed);
+  EXPECT_EQ(o.random_seed, "abc");
+  ASSERT_EQ(o.wipe.size(), 2u);
+  EXPECT_EQ(o.wipe[0], "58d50001-1105-000b-af0c-c12fb6edecca");
+  EXPECT_EQ(o.wipe[1], "all");
+}
+
+TEST(DaemonOptions, DefaultsComeFromTheEnvironment) {
+  ::setenv("TEESIM_SOCKET", "/env/sock", 1);
+  ::setenv("TEESIM_TA_DIR", "/env/ta", 1);
+  ::setenv("TEESIM_STORAGE_DIR", "/env/storage", 1);
+  Options o;
+  std::string err;
+  ASSERT_TRUE(parse({}, &o, &err)) << err;
+  EXPECT_EQ(o.socket_path, "/env/sock");
+  EXPECT_EQ(o.ta_dir, "/env/ta");
+  EXPECT_EQ(o.storage_dir, "/env/storage");
+  EXPECT_FALSE(o.foreground) << "the daemon detaches unless told otherwise";
+  EXPECT_FALSE(o.has_random_seed) << "random numbers come from the OS unless told otherwise";
+  EXPECT_EQ(o.log_level, log::Level::Info);
+  ::unsetenv("TEESIM_SOCKET");
+  ::unsetenv("TEESIM_TA_DIR");
+  ::unsetenv("TEESIM_STORAGE_DIR");
+}
+
+TEST(DaemonOptions, MistakesAreExplained) {
+  Options o;
+  std::string err;
+  EXPECT_FALSE(parse({"--log-level", "loud"}, &o, &err));
+  EXPECT_NE(err.find("loud"), std::string::npos) << err;
+  EXPECT_FALSE(parse({"--wipe-storage", "not-a-uuid"}, &o, &err));
+  EXPECT_NE(err.find("not-a-uuid"), std::string::npos) << err;
+  EXPECT_FALSE(parse({"--socket"}, &o, &err));
+  EXPECT_NE(err.find("needs a value"), std::string::npos) << err;
+  EXPECT_FALSE(parse({"--bogus"}, &o, &err));
+  EXPECT_NE(err.find("--bogus"), std::string::npos) << err;
+  EXPECT_FALSE(parse({"extra"}, &o, &err));
+  EXPECT_NE(err.find("extra"), std::string::npos) << err;
+}
+
+TEST(DaemonOptions, HelpNamesEveryOption) {
+  std::string text = usage("teesim");
+  for (const char* opt : {"--socket", "--ta-dir", "--storage-dir", "--foreground", "--background",
+                          "--log-level", "--log-file", "--random-seed", "--wipe-storage", "--help"})
+    EXPECT_NE(text.find(opt), std::string::npos) << opt;
+}
+
+}  // namespace
+}  // namespace teesim::daemon

@@ -1,0 +1,168 @@
+#include "runtime/object_store.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "common/crypto.h"
+#include "common/fs.h"
+#include "common/log.h"
+
+namespace teesim::runtime {
+namespace {
+
+constexpr uint8_t kMagic[4] = {'T', 'S', 'O', 'B'};
+constexpr uint8_t kFormatVersion = 1;
+constexpr size_t kHeaderSize = 8;
+constexpr size_t kNonceAt = 8;
+constexpr size_t kCipherAt = kNonceAt + crypto::kGcmNonceSize;
+
+TEE_Result io_error(int neg_errno) {
+  if (neg_errno == -ENOSPC || neg_errno == -EDQUOT) return TEE_ERROR_STORAGE_NO_SPACE;
+  return TEE_ERROR_STORAGE_NOT_AVAILABLE;
+}
+
+void put_u32(uint8_t* p, uint32_t v) {
+  p[0] = static_cast<uint8_t>(v);
+  p[1] = static_cast<uint8_t>(v >> 8);
+  p[2] = static_cast<uint8_t>(v >> 16);
+  p[3] = static_cast<uint8_t>(v >> 24);
+}
+
+uint32_t get_u32(const uint8_t* p) {
+  return uint32_t{p[0]} | (uint32_t{p[1]} << 8) | (uint32_t{p[2]} << 16) | (uint32_t{p[3]} << 24);
+}
+
+}  // namespace
+
+ObjectStore::ObjectStore(std::string dir, const Uuid& ta, const Key256& storage_key,
+                         const Key256& name_key)
+    : dir_(std::move(dir)), ta_(ta), storage_key_(storage_key), name_key_(name_key) {}
+
+std::string ObjectStore::file_name(const void* id, size_t id_len) const {
+  uint8_t mac[32];
+  if (!crypto::hmac_sha256(mac, name_key_.data(), name_key_.size(), id, id_len)) return {};
+  static const char kHex[] = "0123456789abcdef";
+  std::string name;
+  name.reserve(64 + 4);
+  for (uint8_t b : mac) {
+    name.push_back(kHex[b >> 4]);
+    name.push_back(kHex[b & 0xF]);
+  }
+  name += ".obj";
+  return name;
+}
+
+TEE_Result ObjectStore::ensure_dir() {
+  int r = fs::make_dirs(dir_, 0700);
+  if (r != 0) {
+    TS_LOG_ERROR("cannot make the storage folder %s: %s", dir_.c_str(), std::strerror(-r));
+    return io_error(r);
+  }
+  return TEE_SUCCESS;
+}
+
+TEE_Result ObjectStore::load(const void* id, size_t id_len, SecretBytes* data) const {
+  std::string name = file_name(id, id_len);
+  if (name.empty()) return TEE_ERROR_STORAGE_NOT_AVAILABLE;
+  std::vector<uint8_t> file;
+  int r = fs::read_file(dir_ + "/" + name, kMaxObjectData + kObjectFileOverhead + TEE_OBJECT_ID_MAX_LEN,
+                        &file);
+  if (r == -ENOENT) return TEE_ERROR_ITEM_NOT_FOUND;
+  if (r == -EFBIG || r == -EINVAL) return TEE_ERROR_CORRUPT_OBJECT;
+  if (r != 0) return TEE_ERROR_STORAGE_NOT_AVAILABLE;
+
+  if (file.size() < kCipherAt + 4 + crypto::kGcmTagSize) return TEE_ERROR_CORRUPT_OBJECT;
+  if (std::memcmp(file.data(), kMagic, 4) != 0 || file[4] != kFormatVersion || file[5] != 0 ||
+      file[6] != 0 || file[7] != 0)
+    return TEE_ERROR_CORRUPT_OBJECT;
+  uint8_t aad[kHeaderSize + 16];
+  std::memcpy(aad, file.data(), kHeaderSize);
+  std::memcpy(aad + kHeaderSize, ta_.bytes.data(), 16);
+  size_t ct_len = file.size() - kCipherAt - crypto::kGcmTagSize;
+  SecretBytes plain(ct_len);
+  if (!crypto::aes256gcm_open(plain.data(), storage_key_.data(), file.data() + kNonceAt, aad,
+                              sizeof aad, file.data() + kCipherAt, ct_len,
+                              file.data() + kCipherAt + ct_len))
+    return TEE_ERROR_CORRUPT_OBJECT;
+  uint32_t stored_id_len = get_u32(plain.data());
+  if (stored_id_len != id_len || 4 + static_cast<size_t>(stored_id_len) > ct_len ||
+      (id_len > 0 && std::memcmp(plain.data() + 4, id, id_len) != 0))
+    return TEE_ERROR_CORRUPT_OBJECT;
+  size_t data_len = ct_len - 4 - id_len;
+  if (data_len > kMaxObjectData) return TEE_ERROR_CORRUPT_OBJECT;
+  SecretBytes out(plain.data() + 4 + id_len, data_len);
+  *data = std::move(out);
+  return TEE_SUCCESS;
+}
+
+TEE_Result ObjectStore::exists(const void* id, size_t id_len) const {
+  std::string name = file_name(id, id_len);
+  if (name.empty()) return TEE_ERROR_STORAGE_NOT_AVAILABLE;
+  struct stat st{};
+  if (::lstat((dir_ + "/" + name).c_str(), &st) == 0) return TEE_SUCCESS;
+  return errno == ENOENT ? TEE_ERROR_ITEM_NOT_FOUND : TEE_ERROR_STORAGE_NOT_AVAILABLE;
+}
+
+TEE_Result ObjectStore::save(const void* id, size_t id_len, const uint8_t* data, size_t len,
+                             bool exclusive) {
+  if (len > kMaxObjectData) return TEE_ERROR_STORAGE_NO_SPACE;
+  if (id_len > TEE_OBJECT_ID_MAX_LEN) return TEE_ERROR_BAD_PARAMETERS;
+  TEE_Result res = ensure_dir();
+  if (res != TEE_SUCCESS) return res;
+  std::string name = file_name(id, id_len);
+  if (name.empty()) return TEE_ERROR_STORAGE_NOT_AVAILABLE;
+
+  size_t pt_len = 4 + id_len + len;
+  SecretBytes plain(pt_len);
+  put_u32(plain.data(), static_cast<uint32_t>(id_len));
+  if (id_len > 0) std::memcpy(plain.data() + 4, id, id_len);
+  if (len > 0) std::memcpy(plain.data() + 4 + id_len, data, len);
+
+  std::vector<uint8_t> file(kCipherAt + pt_len + crypto::kGcmTagSize);
+  std::memcpy(file.data(), kMagic, 4);
+  file[4] = kFormatVersion;
+  if (!crypto::os_random(file.data() + kNonceAt, crypto::kGcmNonceSize))
+    return TEE_ERROR_STORAGE_NOT_AVAILABLE;
+  uint8_t aad[kHeaderSize + 16];
+  std::memcpy(aad, file.data(), kHeaderSize);
+  std::memcpy(aad + kHeaderSize, ta_.bytes.data(), 16);
+  if (!crypto::aes256gcm_seal(file.data() + kCipherAt, file.data() + kCipherAt + pt_len,
+                              storage_key_.data(), file.data() + kNonceAt, aad, sizeof aad,
+                              plain.data(), pt_len))
+    return TEE_ERROR_STORAGE_NOT_AVAILABLE;
+
+  int r = fs::write_file_atomic(dir_, name, file.data(), file.size(), 0600, exclusive);
+  if (r == -EEXIST) return TEE_ERROR_ACCESS_CONFLICT;
+  if (r != 0) {
+    TS_LOG_ERROR("cannot write an object file in %s: %s", dir_.c_str(), std::strerror(-r));
+    return io_error(r);
+  }
+  return TEE_SUCCESS;
+}
+
+TEE_Result ObjectStore::remove(const void* id, size_t id_len) {
+  std::string name = file_name(id, id_len);
+  if (name.empty()) return TEE_ERROR_STORAGE_NOT_AVAILABLE;
+  int r = fs::remove_file(dir_, name);
+  if (r == -ENOENT) return TEE_ERROR_ITEM_NOT_FOUND;
+  if (r != 0) {
+    TS_LOG_ERROR("cannot delete an object file in %s: %s", dir_.c_str(), std::strerror(-r));
+    return TEE_ERROR_STORAGE_NOT_AVAILABLE;
+  }
+  return TEE_SUCCESS;
+}
+
+TEE_Result ObjectStore::rename(const void* old_id, size_t old_len, const void* new_id,
+                               size_t new_len, const uint8_t* data, size_t len) {
+  TEE_Result res = save(new_id, new_len, data, len, /*exclusive=*/true);
+  if (res != TEE_SUCCESS) return res;
+  res = remove(old_id, old_len);
+  if (res == TEE_ERROR_ITEM_NOT_FOUND) res = TEE_SUCCESS; /* never saved: nothing to drop */
+  return res;
+}
+
+}  // namespace teesim::runtime

@@ -1,0 +1,179 @@
+/* The teesim command: options, clear errors, one daemon per socket, clean
+ * stops, the background mode, deterministic random numbers for tests. */
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "support.h"
+
+namespace conformance {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::vector<std::string> operator+(std::vector<std::string> a, const std::vector<std::string>& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+TEST(DaemonCommand, HelpDescribesEveryOption) {
+  TestDaemon d;
+  std::string out;
+  EXPECT_EQ(d.run_command({"--help"}, &out), 0);
+  for (const char* opt : {"--socket", "--ta-dir", "--storage-dir", "--foreground", "--background",
+                          "--log-level", "--random-seed", "--wipe-storage", "TEESIM_SOCKET"})
+    EXPECT_NE(out.find(opt), std::string::npos) << opt;
+}
+
+TEST(DaemonCommand, BadOptionsAreExplained) {
+  TestDaemon d;
+  std::string err;
+  EXPECT_EQ(d.run_command({"--no-such-option"}, &err), 2);
+  EXPECT_NE(err.find("unknown option '--no-such-option'"), std::string::npos) << err;
+  EXPECT_EQ(d.run_command({"--log-level", "chatty"}, &err), 2);
+  EXPECT_NE(err.find("unknown log level 'chatty'"), std::string::npos) << err;
+}
+
+TEST(DaemonCommand, AMissingTaFolderIsNamed) {
+  TestDaemon d;
+  std::string err;
+  EXPECT_EQ(d.run_command({"--foreground", "--socket", d.socket(), "--storage-dir", d.storage_dir(),
+                           "--ta-dir", "/nonexistent/tas"},
+                          &err),
+            2);
+  EXPECT_NE(err.find("TA folder /nonexistent/tas: No such file or directory"), std::string::npos) << err;
+  EXPECT_FALSE(fs::exists(d.socket()));
+}
+
+TEST(DaemonCommand, AStorageFolderOthersMayWriteIsRefused) {
+  TestDaemon d;
+  fs::create_directories(d.storage_dir());
+  ::chmod(d.storage_dir().c_str(), 0777);
+  std::string err;
+  EXPECT_EQ(d.run_command(std::vector<std::string>{"--foreground"} + d.folder_args(), &err), 2);
+  EXPECT_NE(err.find("writable by other users"), std::string::npos) << err;
+}
+
+TEST(DaemonCommand, AnOccupiedSocketIsRefused) {
+  TestDaemon d;
+  ASSERT_TRUE(d.start());
+  std::string err;
+  TestDaemon other; /* other folders, same socket */
+  EXPECT_EQ(other.run_command({"--foreground", "--socket", d.socket(), "--ta-dir", other.ta_dir(),
+                               "--storage-dir", other.storage_dir()},
+                              &err),
+            3);
+  EXPECT_NE(err.find("another teesim already serves " + d.socket()), std::string::npos) << err;
+  EXPECT_NE(err.find("(pid " + std::to_string(d.pid()) + ")"), std::string::npos) << err;
+  /* the same storage under another socket is refused as well */
+  EXPECT_EQ(other.run_command({"--foreground", "--socket", other.socket(), "--ta-dir", other.ta_dir(),
+                               "--storage-dir", d.storage_dir()},
+                              &err),
+            2);
+  EXPECT_NE(err.find("is in use by another teesim"), std::string::npos) << err;
+}
+
+TEST(DaemonCommand, SomethingElseAtTheSocketPathIsRefused) {
+  TestDaemon d;
+  std::ofstream(d.socket()) << "a plain file";
+  std::string err;
+  EXPECT_EQ(d.run_command(std::vector<std::string>{"--foreground"} + d.folder_args(), &err), 2);
+  EXPECT_NE(err.find("exists and is not a socket"), std::string::npos) << err;
+  fs::remove(d.socket());
+  int fd = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", d.socket().c_str());
+  ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  ASSERT_EQ(::listen(fd, 1), 0);
+  EXPECT_EQ(d.run_command(std::vector<std::string>{"--foreground"} + d.folder_args(), &err), 3);
+  EXPECT_NE(err.find("in use by another program"), std::string::npos) << err;
+  ::close(fd);
+}
+
+TEST(DaemonCommand, SigtermStopsItCleanly) {
+  TestDaemon d;
+  ASSERT_TRUE(d.start());
+  EXPECT_TRUE(fs::exists(d.socket()));
+  EXPECT_EQ(d.stop(), 0);
+  EXPECT_FALSE(fs::exists(d.socket()));
+  EXPECT_NE(d.log_text().find("teesim stopped"), std::string::npos);
+  ASSERT_TRUE(d.start()) << "and it starts again on the same folders";
+}
+
+TEST(DaemonCommand, TheBackgroundModeReturnsOnceServing) {
+  TestDaemon d;
+  std::string err;
+  ASSERT_EQ(d.run_command(std::vector<std::string>{"--background", "--log-file", d.dir() + "/bg.log"} +
+                              d.folder_args(),
+                          &err),
+            0)
+      << err;
+  use_daemon(d);
+  {
+    Client c;
+    ASSERT_RESULT(c.init_result(), TEEC_SUCCESS) << "serving when the command returned";
+    EXPECT_RESULT(c.open(kTestTa), TEEC_SUCCESS);
+  }
+  std::ifstream lock(d.socket() + ".lock");
+  pid_t pid = 0;
+  lock >> pid;
+  ASSERT_GT(pid, 0);
+  ASSERT_EQ(::kill(pid, SIGTERM), 0);
+  EXPECT_TRUE(eventually([&] { return !fs::exists(d.socket()); }));
+  EXPECT_NE(read_text(d.dir() + "/bg.log").find("teesim stopped"), std::string::npos);
+
+  /* a failure in the background is reported by the command itself */
+  EXPECT_EQ(d.run_command({"--background", "--socket", d.socket(), "--storage-dir", d.storage_dir(),
+                           "--ta-dir", "/nonexistent/tas"},
+                          &err),
+            2);
+  EXPECT_NE(err.find("TA folder /nonexistent/tas"), std::string::npos) << err;
+}
+
+std::string random_bytes(size_t n) {
+  Client c;
+  if (c.open(kTestTa) != TEEC_SUCCESS) return "";
+  std::string out(n, '\0');
+  TEEC_Operation op{};
+  op.paramTypes = TEEC_PARAM_TYPES(TEEC_MEMREF_TEMP_OUTPUT, TEEC_NONE, TEEC_NONE, TEEC_NONE);
+  op.params[0].tmpref = {out.data(), n};
+  uint32_t origin;
+  if (TEEC_InvokeCommand(c.session(), TEST_CMD_RANDOM, &op, &origin) != TEEC_SUCCESS) return "";
+  return out;
+}
+
+std::string random_from_fresh_daemon(const std::vector<std::string>& extra, std::string* log) {
+  TestDaemon d;
+  if (!d.start(extra)) return "";
+  use_daemon(d);
+  std::string r = random_bytes(64);
+  if (log != nullptr) *log = d.log_text();
+  return r;
+}
+
+TEST(DaemonCommand, ARandomSeedMakesRandomNumbersRepeatAndSaysSoLoudly) {
+  std::string log;
+  std::string a = random_from_fresh_daemon({"--random-seed", "tessera"}, &log);
+  std::string b = random_from_fresh_daemon({"--random-seed", "tessera"}, nullptr);
+  std::string c = random_from_fresh_daemon({"--random-seed", "tesserb"}, nullptr);
+  std::string os1 = random_from_fresh_daemon({}, nullptr);
+  std::string os2 = random_from_fresh_daemon({}, nullptr);
+  ASSERT_EQ(a.size(), 64u);
+  EXPECT_EQ(a, b) << "the same seed gives the same numbers";
+  EXPECT_NE(a, c);
+  EXPECT_NE(os1, os2) << "without a seed the numbers come from the OS";
+  EXPECT_NE(log.find("WARNING: --random-seed is set: TEE_GenerateRandom is DETERMINISTIC"), std::string::npos)
+      << log;
+  EXPECT_NE(log.find("draws DETERMINISTIC random numbers"), std::string::npos) << log;
+}
+
+}  // namespace
+}  // namespace conformance
