@@ -70,6 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
                              : TEE_PARAM_TYPES(TEE_PARAM_TYPE_MEMREF_INOUT, 0, 0, 0);
   const TEE_Result rc = ks->Invoke(command, types, params);
   fake_tee::ClearFailures();
+  fake_tee::ClearTraces();
   // Inputs may name any number of wallets; keep the fake storage small.
   if (fake_tee::Objects().size() > 256) fake_tee::Objects().clear();
 

@@ -73,6 +73,7 @@ int Count(Op op) { return S().counts[op]; }
 void SetProperty(const std::string& name, const std::string& value) { S().properties[name] = value; }
 void RemoveProperty(const std::string& name) { S().properties.erase(name); }
 const std::vector<std::string>& Traces() { return S().traces; }
+void ClearTraces() { S().traces.clear(); }
 
 }  // namespace fake_tee
 

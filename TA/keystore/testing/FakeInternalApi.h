@@ -50,8 +50,9 @@ int Count(Op op);
 void SetProperty(const std::string& name, const std::string& value);
 void RemoveProperty(const std::string& name);
 
-/* Every line given to TEE_Trace since Reset(). */
+/* Every line given to TEE_Trace since Reset() or ClearTraces(). */
 const std::vector<std::string>& Traces();
+void ClearTraces();
 
 }  // namespace fake_tee
 
