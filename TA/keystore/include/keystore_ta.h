@@ -9,11 +9,28 @@
  * Field notation: cred = blob of 32 bytes (the caller's credential token);
  * sel = u32 selector word (selector_hi * 256 + selector_lo); path = blob of
  * 20 bytes (five u32 path levels in host byte order, bit 31 = hardened).
+ * A request holds exactly the fields listed, in that order: a missing, extra
+ * or mistyped field, or a length that disagrees with its blob, makes it
+ * malformed.
  *
- * Results: TEE_SUCCESS; TEE_ERROR_BAD_PARAMETERS for a malformed request;
- * TEE_ERROR_ACCESS_DENIED for a credential that is not allowed;
- * TEE_ERROR_ITEM_NOT_FOUND when the wallet has no seed;
- * TEE_ERROR_NOT_SUPPORTED for an unknown command.
+ * Wallets: one per (credential token, selector word). A wallet holds a seed
+ * (BIP-39 entropy) and optionally a PIN; keys are the BIP-32 tree of the
+ * BIP-39 seed of the seed's English phrase with an empty passphrase.
+ *
+ * Answers: a command without answer fields leaves an empty message. On
+ * success the TA sets the memref's size to the bytes it wrote (the answer,
+ * then zeros over the rest of the request, which may have carried a seed or
+ * a PIN).
+ *
+ * Results: TEE_SUCCESS; TEE_ERROR_BAD_PARAMETERS for a malformed request or
+ * wrong parameter types; TEE_ERROR_SHORT_BUFFER (memref size set to the
+ * size needed) when the buffer cannot hold the longest answer of the
+ * command; TEE_ERROR_ACCESS_DENIED for a credential that is not allowed;
+ * TEE_ERROR_ITEM_NOT_FOUND when the wallet has no seed (or, for
+ * CHECK_PIN, no PIN); TEE_ERROR_NOT_SUPPORTED for an unknown command; a
+ * storage failure (TEE_ERROR_STORAGE_NOT_AVAILABLE, TEE_ERROR_CORRUPT_OBJECT,
+ * ...) as storage reported it — such a failure never deletes or replaces a
+ * seed.
  */
 #ifndef KEYSTORE_TA_H
 #define KEYSTORE_TA_H
@@ -31,30 +48,46 @@
 
 enum keystore_command {
   /* Request: cred; sel; u32 n; blob seed (n bytes: 16, 20, 24, 28 or 32).
-   * Answer: none. Replaces any stored seed, clears the PIN. */
+   * Answer: none. Replaces any stored seed, clears the PIN (and its lock). */
   KEYSTORE_CMD_RESTORE_SEED = 1,
-  /* Request: cred; sel. Answer: none. Removes seed and PIN. */
+  /* Request: cred; sel. Answer: none. Removes seed and PIN
+   * (TEE_ERROR_ITEM_NOT_FOUND when there is no seed). */
   KEYSTORE_CMD_DELETE_SEED = 3,
-  /* Request: cred; sel; u32 n; blob pin (n bytes). Answer: none. */
+  /* Request: cred; sel; u32 n; blob pin (n bytes, 1 to 128).
+   * Answer: none. Replaces the PIN and lifts a lock. */
   KEYSTORE_CMD_SAVE_PIN = 4,
-  /* Request: cred; sel; u32 n; blob pin (n bytes).
-   * Answer: u32 verdict (1 match, 0 mismatch, 2 locked). */
+  /* Request: cred; sel; u32 n; blob pin (n bytes, 1 to 128).
+   * Answer: u32 verdict (KEYSTORE_PIN_* below: 1 match, 0 mismatch,
+   * 2 locked). The attempt is counted in storage before the comparison. */
   KEYSTORE_CMD_CHECK_PIN = 5,
-  /* Request: cred; sel. Answer: u32 n; blob mnemonic (n bytes, no NUL). */
+  /* Request: cred; sel. Answer: u32 n; blob mnemonic (n bytes, no NUL):
+   * the seed's BIP-39 English phrase, words separated by single spaces. */
   KEYSTORE_CMD_GET_MNEMONIC = 6,
   /* Request: u32 n; blob phrase (n bytes). No credential.
-   * Answer: u32 verdict (1 valid BIP-39 English phrase, 0 otherwise). */
+   * Answer: u32 verdict (1 valid BIP-39 English phrase, 0 otherwise). Valid
+   * means 12, 15, 18, 21 or 24 known lower-case words separated by single
+   * spaces, nothing before or after, and a matching checksum. */
   KEYSTORE_CMD_CHECK_MNEMONIC = 7,
   /* Request: cred; sel; path. Answer: u32 n; blob address (20 bytes). */
   KEYSTORE_CMD_GET_ADDRESS = 9,
-  /* Request: cred; sel; path; u32 n; blob data (n bytes, the digest).
-   * Answer: u32 n; blob signature (65 bytes: r, s big-endian, v 0 or 1). */
+  /* Request: cred; sel; path; u32 n; blob data (n = 32: the digest, signed
+   * as it is). Answer: u32 n; blob signature (65 bytes: r, s big-endian, v
+   * the recovery id 0 or 1; RFC 6979 nonce, low S). */
   KEYSTORE_CMD_SIGN = 10,
-  /* Request: cred; sel. Answer: none. Makes a new 16-byte seed. */
+  /* Request: cred; sel. Answer: none. Replaces any stored seed with 16
+   * random bytes and clears the PIN. */
   KEYSTORE_CMD_GENERATE_SEED = 100,
   /* Request: cred; sel; path. Answer: u32 n; blob private key (32 bytes). */
   KEYSTORE_CMD_GET_PRIVATE_KEY = 101,
 };
+
+/* Verdicts of KEYSTORE_CMD_CHECK_PIN. After KEYSTORE_MAX_PIN_FAILURES
+ * consecutive mismatches every check answers LOCKED, without comparing,
+ * until a PIN is saved again or the seed is replaced. */
+#define KEYSTORE_PIN_MISMATCH 0u
+#define KEYSTORE_PIN_MATCH 1u
+#define KEYSTORE_PIN_LOCKED 2u
+#define KEYSTORE_MAX_PIN_FAILURES 5u
 
 /* Name of the TA property (a comma-separated list of 64-digit hex tokens)
  * that lists the credentials the keystore serves. */

@@ -1,0 +1,109 @@
+/*
+ * client::TEEClient: the console's one connection to the keystore TA.
+ *
+ * It holds the three GlobalPlatform TEE Client API resources that a
+ * conversation with the TA needs — a context, a session and one 8192-byte
+ * block of shared memory — and runs TA commands on that memory: the caller
+ * writes a request into the shared buffer (getSHMPtr()), calls
+ * InvokeCommand(cmd), and finds the TA's answer in the same buffer.
+ *
+ * Resources are acquired lazily and resumably: Open() makes whichever of the
+ * three is still missing, in the order context, session, memory, and stops at
+ * the first failure without undoing what succeeded, so the next Open()
+ * resumes there. Each resource's flag is true exactly while it is held. They
+ * are released only by Close(), which the destructor runs at program exit.
+ * A failing command never closes or reopens anything (not even after a
+ * communication error; whoever reads the log decides about a restart).
+ *
+ * Every failure is written to the platform log (tag "TESSERA", see
+ * TesseraLog.h) with the TEE result and, where there is one, its origin.
+ *
+ * Threads: getInstance() is safe to race; nothing else locks. Use the
+ * connection from one thread at a time.
+ */
+#ifndef TESSERA_CLIENT_TEECLIENT_H
+#define TESSERA_CLIENT_TEECLIENT_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "tee_client_api.h"
+
+namespace client {
+
+/* The keystore TA: 58d50001-1105-000b-af0c-c12fb6edecca. */
+extern const TEEC_UUID kKeystoreTaUuid;
+
+class TEEClient {
+ public:
+  /* Fixed settings of the connection. */
+  static constexpr std::size_t kSharedMemorySize = 8192;
+  static constexpr uint32_t kSharedMemoryFlags = TEEC_MEM_INPUT | TEEC_MEM_OUTPUT;  // 3
+  /* Parameter 0 a partial in/out reference to the shared memory, 1-3 none. */
+  static constexpr uint32_t kParamTypes =
+      TEEC_PARAM_TYPES(TEEC_MEMREF_PARTIAL_INOUT, TEEC_NONE, TEEC_NONE, TEEC_NONE);  // 0xF
+
+  /* Returns the process's one connection, created on first use and
+   * destroyed (closing it) at program exit. */
+  static TEEClient& getInstance();
+
+  /* Makes an instance that holds nothing. The keystore functions use
+   * getInstance(); separate instances are for tests and tools. */
+  TEEClient();
+  /* Runs Close(). */
+  ~TEEClient();
+  TEEClient(const TEEClient&) = delete;
+  TEEClient& operator=(const TEEClient&) = delete;
+
+  /* Makes the connection usable: OpenContext(), OpenSession(),
+   * AllocateMemory(), stopping at the first that fails.
+   * Returns true when all three resources are held; then it also logs
+   * "TEE connection has been set" (information), on every call. On false
+   * the failing step has logged why; resources already held are kept. */
+  [[nodiscard]] bool Open();
+
+  /* Releases the shared memory, closes the session and finalises the
+   * context, each only if held. Safe to call any number of times. */
+  void Close();
+
+  /* Each step returns true at once when its resource is already held;
+   * otherwise it calls the TEE Client API and returns true on TEEC_SUCCESS,
+   * or logs the result (and for the session the origin) and returns false.
+   * OpenContext: the default TEE (no name).
+   * OpenSession: the keystore TA, TEEC_LOGIN_PUBLIC, no connection data,
+   *   no operation.
+   * AllocateMemory: sets the descriptor's size to 8192 and flags to 3. */
+  [[nodiscard]] bool OpenContext();
+  [[nodiscard]] bool OpenSession();
+  [[nodiscard]] bool AllocateMemory();
+
+  /* Release one resource if held, then clear its flag. */
+  void CloseContext();
+  void CloseSession();
+  void FreeMemory();
+
+  /* Returns the shared-memory descriptor itself (not its buffer); the same
+   * pointer on every call, owned by this object. Its `buffer` is valid only
+   * while the memory is allocated. */
+  TEEC_SharedMemory* getSHMPtr();
+
+  /* Runs TA command `cmd` with parameter 0 referring to the whole shared
+   * memory (offset 0, size 8192) and parameters 1-3 unused.
+   * Returns true when the TEE reported success (the answer is then in the
+   * shared memory). On false the result and origin have been logged; for
+   * TEEC_ERROR_GENERIC from TEEC_ORIGIN_COMMS a second line says that the
+   * session should be restarted. The session stays as it is. */
+  [[nodiscard]] bool InvokeCommand(unsigned int cmd);
+
+ private:
+  TEEC_Context context_;
+  TEEC_Session session_;
+  TEEC_SharedMemory sharedMemory_;
+  bool contextOpen_;
+  bool sessionOpen_;
+  bool memoryAllocated_;
+};
+
+}  // namespace client
+
+#endif  // TESSERA_CLIENT_TEECLIENT_H
