@@ -10,30 +10,19 @@
 
 #include "Bip39Words.h"
 
+#include "HexText.h"
+
 namespace {
+
+using keystore_test::Hex;
+using keystore_test::Unhex;
 
 using keystore::bip39::EntropyToPhrase;
 using keystore::bip39::IsValidPhrase;
 using keystore::bip39::kMaxPhraseLength;
 using keystore::bip39::PhraseToSeed;
 
-std::vector<unsigned char> Unhex(const std::string& hex) {
-  std::vector<unsigned char> out;
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
-    out.push_back(static_cast<unsigned char>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-  }
-  return out;
-}
 
-std::string Hex(const unsigned char* p, std::size_t n) {
-  static const char k[] = "0123456789abcdef";
-  std::string s;
-  for (std::size_t i = 0; i < n; ++i) {
-    s += k[p[i] >> 4];
-    s += k[p[i] & 15];
-  }
-  return s;
-}
 
 struct Vector {
   std::string entropy, phrase, seed;

@@ -13,29 +13,18 @@
 
 #include "keccak.h"
 
+#include "HexText.h"
+
 namespace {
+
+using keystore_test::Hex;
+using keystore_test::Unhex;
 
 using Bytes = std::vector<unsigned char>;
 using keystore::Curve;
 using keystore::Node;
 
-Bytes Unhex(const std::string& hex) {
-  Bytes out;
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
-    out.push_back(static_cast<unsigned char>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-  }
-  return out;
-}
 
-std::string Hex(const unsigned char* p, std::size_t n) {
-  static const char k[] = "0123456789abcdef";
-  std::string s;
-  for (std::size_t i = 0; i < n; ++i) {
-    s += k[p[i] >> 4];
-    s += k[p[i] & 15];
-  }
-  return s;
-}
 
 std::unique_ptr<Curve> MakeCurve() {
   unsigned char blinding[32] = {7};

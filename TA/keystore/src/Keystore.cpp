@@ -68,6 +68,14 @@ bool ReadSized(CTzfrWsm& request, const unsigned char** bytes, uint32_t* len) {
   return *bytes != nullptr;
 }
 
+// The request of both PIN commands: header, then a PIN of 1 to kMaxPinLength
+// bytes, and nothing after it.
+bool ReadPinRequest(CTzfrWsm& request, const unsigned char** token, uint32_t* selector,
+                    const unsigned char** pin, uint32_t* len) {
+  return ReadHeader(request, token, selector) && ReadSized(request, pin, len) &&
+         request.AtEnd() && *len != 0 && *len <= Keystore::kMaxPinLength;
+}
+
 int HexDigit(char c) {
   if (c >= '0' && c <= '9') return c - '0';
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
@@ -323,15 +331,9 @@ TEE_Result Keystore::SavePin(CTzfrWsm& request) {
   const unsigned char* token = nullptr;
   const unsigned char* pin = nullptr;
   uint32_t selector = 0, len = 0;
-  if (!ReadHeader(request, &token, &selector) || !ReadSized(request, &pin, &len) ||
-      !request.AtEnd() || len == 0 || len > kMaxPinLength) {
-    return TEE_ERROR_BAD_PARAMETERS;
-  }
-  WalletId id;
-  TEE_Result r = Authorize(token, selector, &id);
-  if (r != TEE_SUCCESS) return r;
+  if (!ReadPinRequest(request, &token, &selector, &pin, &len)) return TEE_ERROR_BAD_PARAMETERS;
   Wallet* wallet = nullptr;
-  r = Find(id, &wallet);
+  TEE_Result r = OpenWallet(token, selector, &wallet);
   if (r != TEE_SUCCESS) return r;
 
   WalletRecord next;
@@ -347,15 +349,9 @@ TEE_Result Keystore::CheckPin(CTzfrWsm& request, Answer* answer) {
   const unsigned char* token = nullptr;
   const unsigned char* pin = nullptr;
   uint32_t selector = 0, len = 0;
-  if (!ReadHeader(request, &token, &selector) || !ReadSized(request, &pin, &len) ||
-      !request.AtEnd() || len == 0 || len > kMaxPinLength) {
-    return TEE_ERROR_BAD_PARAMETERS;
-  }
-  WalletId id;
-  TEE_Result r = Authorize(token, selector, &id);
-  if (r != TEE_SUCCESS) return r;
+  if (!ReadPinRequest(request, &token, &selector, &pin, &len)) return TEE_ERROR_BAD_PARAMETERS;
   Wallet* wallet = nullptr;
-  r = Find(id, &wallet);
+  TEE_Result r = OpenWallet(token, selector, &wallet);
   if (r != TEE_SUCCESS) return r;
   if (!wallet->record.pin_set) return TEE_ERROR_ITEM_NOT_FOUND;
 
@@ -389,11 +385,8 @@ TEE_Result Keystore::GetMnemonic(CTzfrWsm& request, Answer* answer) {
   const unsigned char* token = nullptr;
   uint32_t selector = 0;
   if (!ReadHeader(request, &token, &selector) || !request.AtEnd()) return TEE_ERROR_BAD_PARAMETERS;
-  WalletId id;
-  TEE_Result r = Authorize(token, selector, &id);
-  if (r != TEE_SUCCESS) return r;
   Wallet* wallet = nullptr;
-  r = Find(id, &wallet);
+  TEE_Result r = OpenWallet(token, selector, &wallet);
   if (r != TEE_SUCCESS) return r;
   const std::size_t n = bip39::EntropyToPhrase(wallet->record.entropy.data(), wallet->record.entropy_len,
                                                reinterpret_cast<char*>(answer->data.data()),
@@ -429,11 +422,8 @@ TEE_Result Keystore::PathCommand(uint32_t command, CTzfrWsm& request, Answer* an
   uint32_t path[5];
   std::memcpy(path, path_blob, sizeof path);  // five levels in the host's byte order
 
-  WalletId id;
-  TEE_Result r = Authorize(token, selector, &id);
-  if (r != TEE_SUCCESS) return r;
   Wallet* wallet = nullptr;
-  r = Find(id, &wallet);
+  TEE_Result r = OpenWallet(token, selector, &wallet);
   if (r != TEE_SUCCESS) return r;
   CachedNode* node = nullptr;
   r = NodeAt(wallet, path, &node);
@@ -476,6 +466,13 @@ void Keystore::Evict(const WalletId& id) {
   for (Wallet& w : *wallets_) {
     if (w.used && w.id == id) w.Clear();
   }
+}
+
+TEE_Result Keystore::OpenWallet(const unsigned char* token, uint32_t selector, Wallet** out) {
+  WalletId id;
+  const TEE_Result r = Authorize(token, selector, &id);
+  if (r != TEE_SUCCESS) return r;
+  return Find(id, out);
 }
 
 TEE_Result Keystore::Find(const WalletId& id, Wallet** out) {

@@ -107,6 +107,9 @@ class Keystore {
   TEE_Result Authorize(const unsigned char* token, uint32_t selector, WalletId* id) const;
   /* The wallet, from the cache or from storage. */
   TEE_Result Find(const WalletId& id, Wallet** out);
+  /* Authorize, then Find: the wallet of an allowed (token, selector), or
+   * TEE_ERROR_ACCESS_DENIED / TEE_ERROR_ITEM_NOT_FOUND (no seed). */
+  TEE_Result OpenWallet(const unsigned char* token, uint32_t selector, Wallet** out);
   /* Writes a new seed record (PIN cleared) and caches it. */
   TEE_Result ReplaceSeed(const WalletId& id, const unsigned char* entropy, std::size_t len);
   /* Writes `next` for a cached wallet; evicts the wallet when that fails. */

@@ -25,7 +25,12 @@
 #include <secp256k1.h>
 #include <secp256k1_recovery.h>
 
+#include "HexText.h"
+
 namespace {
+
+using keystore_test::Hex;
+using keystore_test::Unhex;
 
 using Bytes = std::vector<unsigned char>;
 using Token = std::array<unsigned char, 32>;
@@ -36,23 +41,7 @@ constexpr uint32_t kInOut = TEE_PARAM_TYPES(TEE_PARAM_TYPE_MEMREF_INOUT, TEE_PAR
                                             TEE_PARAM_TYPE_NONE, TEE_PARAM_TYPE_NONE);
 constexpr uint32_t kSel = 340;
 
-Bytes Unhex(const std::string& hex) {
-  Bytes out;
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
-    out.push_back(static_cast<unsigned char>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-  }
-  return out;
-}
 
-std::string Hex(const Bytes& b) {
-  static const char k[] = "0123456789abcdef";
-  std::string s;
-  for (unsigned char c : b) {
-    s += k[c >> 4];
-    s += k[c & 15];
-  }
-  return s;
-}
 
 Token MakeToken(unsigned char fill) {
   Token t;

@@ -20,7 +20,12 @@
 #include "keystore_ta.h"
 #include "securestorage.h"
 
+#include "HexText.h"
+
 namespace {
+
+using keystore_test::Hex;
+using keystore_test::Unhex;
 
 using Bytes = std::vector<unsigned char>;
 using keystore_test::ReadFile;
@@ -55,23 +60,7 @@ class KeystoreE2E : public ::testing::Test {
   std::size_t log_start_ = 0;
 };
 
-Bytes Unhex(const std::string& hex) {
-  Bytes out;
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
-    out.push_back(static_cast<unsigned char>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-  }
-  return out;
-}
 
-std::string Hex(const unsigned char* p, std::size_t n) {
-  static const char k[] = "0123456789abcdef";
-  std::string s;
-  for (std::size_t i = 0; i < n; ++i) {
-    s += k[p[i] >> 4];
-    s += k[p[i] & 15];
-  }
-  return s;
-}
 
 hd_path_param Path(uint32_t account) {
   return {static_cast<int32_t>(0x8000002Cu), static_cast<int32_t>(0x8000003Cu),
