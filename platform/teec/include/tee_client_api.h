@@ -3,7 +3,7 @@
  *
  * This is the one header through which a client application reaches a
  * Trusted Application. The public fields of every structure are those of the
- * GlobalPlatform specification; the `imp` members belong to the library and
+ * GlobalPlatform standard; the `imp` members belong to the library and
  * must not be touched by applications.
  *
  * Conventions of every function below:
