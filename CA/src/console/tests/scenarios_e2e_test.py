@@ -612,9 +612,9 @@ class Valgrind(ScenarioTestCase):
 
 
 def load_generator(path):
-    spec = importlib.util.spec_from_file_location("testvector_generator", path)
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
+    found = importlib.util.spec_from_file_location("testvector_generator", path)
+    module = importlib.util.module_from_spec(found)
+    found.loader.exec_module(module)
     return module
 
 
