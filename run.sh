@@ -1,12 +1,15 @@
 #!/bin/sh
-# Installs what is missing, builds, puts the default menu in place when none
-# is there, and starts the console against the simulated TEE (the teesim
-# daemon is started on demand by the console's first keystore call).
+# The console's main job: installs the Debian packages that are missing,
+# builds the console and the simulated secure world it talks to (the teesim
+# daemon and the keystore TA), puts the default menu in place when none is
+# there, and starts the console. Nothing else needs starting: the console's
+# first keystore call starts the teesim daemon, which stays in the background
+# and keeps the keystore's storage (seed, PIN) between runs.
 set -eu
 cd "$(dirname "$0")"
 scripts/install-deps.sh build
 cmake --preset default >/dev/null
-cmake --build --preset default
+cmake --build --preset default --target tessera keystore_ta
 
 menu=/opt/data/tessera/menu.json
 if [ ! -e "$menu" ]; then

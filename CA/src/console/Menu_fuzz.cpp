@@ -1,11 +1,14 @@
 // Arbitrary menu documents and choices: the menu may throw (the entry point
 // turns any exception into its failure message) but must never crash, read
-// out of bounds, leak or hit undefined behaviour.
+// out of bounds, leak or hit undefined behaviour. The two scenarios are the
+// scripted doubles (ScenarioDoubles.cpp): a fuzzed menu never reaches a
+// keystore.
 //
 // Input: a first line of up to 32 whitespace-separated choices, then the
 // document.
 #include "Menu.h"
 
+#include "ScenarioDoubles.h"
 #include "TestData.h"
 #include "TimeTracker.h"
 
@@ -74,5 +77,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   test::testData = test::TestData();
   test::TimeTracker::getInstance().reset();
   test::TimeTracker::getInstance().setMode(0);
+  test::doubles::resetScenarios();
   return 0;
 }

@@ -31,11 +31,7 @@ PARSE_FAILURE = "Failed to parse [/opt/data/tessera/menu.json] Error: "
 EMPTY_INPUT_ERROR = "* Line 1, Column 1\n  Syntax error: value, object or array expected.\n"
 
 
-def screen(title, *items):
-    """One display of a menu: an empty line, the banner, the item lines as
-    given, and the closing rule as long as the banner."""
-    banner = "========== %s ==========" % title
-    return "\n" + banner + "\n" + "".join(line + "\n" for line in items) + "=" * len(banner) + "\n"
+screen = console_harness.screen
 
 
 EXAMPLE = """{

@@ -22,12 +22,25 @@ Typical use:
 Every run has a timeout. The console never returns at end of input, so
 scripted input must end with a choice that leaves; `start` gives a running
 process for the tests that watch it wait.
+
+For runs against the simulated secure world, `TeesimDaemon` starts a private
+teesim daemon (its own socket, storage and log in a fresh temporary folder)
+and gives the environment that points the console's libteec at it:
+
+    with TeesimDaemon(teesim_path, ta_dir) as daemon:
+        console = Console("/path/to/tessera", env=daemon.client_environment())
+        ...
 """
 
 import os
+import select
 import shutil
+import signal
+import socket
+import struct
 import subprocess
 import tempfile
+import time
 from dataclasses import dataclass
 
 MENU_DIR = "/opt/data/tessera"
@@ -59,6 +72,14 @@ class Result:
     stdout: str
     stderr: str
     status: int
+
+
+def screen(title, *items):
+    """One display of a menu as the console prints it: an empty line, the
+    banner, the item lines as given, and the closing rule as long as the
+    banner."""
+    banner = "========== %s ==========" % title
+    return "\n" + banner + "\n" + "".join(line + "\n" for line in items) + "=" * len(banner) + "\n"
 
 
 def deepest_existing_ancestor(path=MENU_DIR):
@@ -176,6 +197,49 @@ class RunningConsole:
     def __init__(self, process, folder):
         self.process = process
         self._folder = folder
+        self._seen = b""
+
+    def read_until(self, text, timeout=10.0):
+        """Reads standard output until it holds `text` (counted from the
+        start of the run). Returns everything read so far, decoded. Raises
+        HarnessError, with what was read, when `text` does not come in time
+        or the output ends first."""
+        wanted = text.encode("utf-8")
+        deadline = time.monotonic() + timeout
+        fd = self.process.stdout.fileno()
+        while wanted not in self._seen:
+            left = deadline - time.monotonic()
+            if left <= 0:
+                raise HarnessError("timed out waiting for %r; the console wrote:\n%s"
+                                   % (text, self._seen.decode("utf-8", "replace")))
+            ready, _, _ = select.select([fd], [], [], left)
+            if not ready:
+                continue
+            chunk = os.read(fd, 65536)
+            if not chunk:
+                raise HarnessError("output ended before %r; the console wrote:\n%s"
+                                   % (text, self._seen.decode("utf-8", "replace")))
+            self._seen += chunk
+        return self._seen.decode("utf-8", "replace")
+
+    def send(self, text):
+        """Writes `text` to the console's standard input and flushes it."""
+        self.process.stdin.write(text.encode("utf-8"))
+        self.process.stdin.flush()
+
+    def finish(self, timeout=20.0):
+        """Closes standard input and waits for the console to end (the input
+        sent must have ended with a choice that leaves). Returns a Result
+        with the whole output of the run. Raises subprocess.TimeoutExpired,
+        after killing the console, when it does not end in time."""
+        try:
+            out, err = self.process.communicate(timeout=timeout)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.communicate()
+            raise
+        return Result((self._seen + out).decode("utf-8", "replace"),
+                      err.decode("utf-8", "replace"), self.process.returncode)
 
     def cpu_seconds(self):
         """User plus system CPU time the console has used so far."""
@@ -194,7 +258,7 @@ class RunningConsole:
         out = self.process.stdout.read() if self.process.stdout else b""
         err = self.process.stderr.read() if self.process.stderr else b""
         self._close_pipes()
-        return out.decode("utf-8", "replace"), err.decode("utf-8", "replace")
+        return (self._seen + out).decode("utf-8", "replace"), err.decode("utf-8", "replace")
 
     def _close_pipes(self):
         for pipe in (self.process.stdin, self.process.stdout, self.process.stderr):
@@ -216,3 +280,149 @@ class RunningConsole:
             self._close_pipes()
             self._folder.__exit__(None, None, None)
         return False
+
+
+def _accepts(path):
+    """True when something accepts connections on the Unix socket `path`."""
+    probe = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+    try:
+        probe.connect(path)
+        return True
+    except OSError:
+        return False
+    finally:
+        probe.close()
+
+
+def serving_pid(path):
+    """The pid of the process that listens on the Unix socket `path` (the
+    credentials the kernel recorded when it called listen)."""
+    probe = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+    try:
+        probe.connect(path)
+        creds = probe.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("3i"))
+    finally:
+        probe.close()
+    pid, _, _ = struct.unpack("3i", creds)
+    return pid
+
+
+def _alive(pid):
+    """True while `pid` exists and is not a zombie."""
+    try:
+        with open("/proc/%d/stat" % pid, encoding="ascii") as f:
+            return f.read().rsplit(")", 1)[1].split()[0] != "Z"
+    except OSError:
+        return False
+
+
+def stop_serving_daemon(path, timeout=5.0):
+    """Stops the teesim daemon that serves `path` and that a test caused to
+    be started (libteec starts it detached, so it is not the test's child):
+    the process is found by the socket, checked to be a teesim serving that
+    very socket, sent SIGTERM, and SIGKILL if it has not ended in `timeout`
+    seconds. Returns its pid."""
+    pid = serving_pid(path)
+    with open("/proc/%d/cmdline" % pid, "rb") as f:
+        argv = [a.decode("utf-8", "replace") for a in f.read().split(b"\0") if a]
+    if not argv or os.path.basename(argv[0]) != "teesim" or path not in argv:
+        raise HarnessError("%s is served by pid %d (%s), not by a teesim of this test"
+                           % (path, pid, " ".join(argv)))
+    os.kill(pid, signal.SIGTERM)
+    deadline = time.monotonic() + timeout
+    while _alive(pid):
+        if time.monotonic() > deadline:
+            os.kill(pid, signal.SIGKILL)
+            deadline = time.monotonic() + timeout
+        time.sleep(0.01)
+    return pid
+
+
+class TeesimDaemon:
+    """A private teesim daemon: its own socket, storage folder and log in a
+    fresh temporary folder, the given TA folder, run in the foreground as a
+    child of the test and stopped with SIGTERM. The storage survives stop()
+    and start(); the folder is removed on exit.
+
+    daemon:     the teesim executable.
+    ta_dir:     the folder of the built TAs.
+    extra_args: further options for the daemon.
+    """
+
+    def __init__(self, daemon, ta_dir, extra_args=()):
+        self.daemon = os.path.abspath(daemon)
+        self.ta_dir = os.path.abspath(ta_dir)
+        self.extra_args = list(extra_args)
+        self.folder = tempfile.mkdtemp(prefix="tessera-teesim-")
+        self.socket = os.path.join(self.folder, "teesim.sock")
+        self.storage = os.path.join(self.folder, "storage")
+        self.log = os.path.join(self.folder, "teesim.log")
+        self.dlog = os.path.join(self.folder, "client.log")
+        self.process = None
+
+    def client_environment(self):
+        """Variables that send a client's libteec to this daemon and never
+        let it start another one; the client's log goes to self.dlog."""
+        return {"TEESIM_SOCKET": self.socket, "TEESIM_DAEMON": "", "DLOG_FILE": self.dlog}
+
+    def start(self, timeout=10.0):
+        """Starts the daemon and waits until its socket accepts connections.
+        Raises HarnessError, with the daemon's log, when it does not."""
+        if self.process is not None:
+            return
+        argv = [self.daemon, "--foreground", "--socket", self.socket, "--ta-dir", self.ta_dir,
+                "--storage-dir", self.storage, "--log-file", self.log] + self.extra_args
+        self.process = subprocess.Popen(argv, stdin=subprocess.DEVNULL,
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        deadline = time.monotonic() + timeout
+        while not _accepts(self.socket):
+            if self.process.poll() is not None:
+                self.process = None
+                raise HarnessError("teesim exited during start-up; its log:\n" + self.read_log())
+            if time.monotonic() > deadline:
+                self.stop(kill=True)
+                raise HarnessError("teesim did not accept connections within %g s; its log:\n"
+                                   % timeout + self.read_log())
+            time.sleep(0.005)
+
+    def stop(self, kill=False):
+        """Stops the daemon (SIGTERM, or SIGKILL when `kill`) and reaps it;
+        SIGKILL follows when it has not ended within 5 s."""
+        if self.process is None:
+            return
+        if kill:
+            self.process.kill()
+        else:
+            self.process.terminate()
+        try:
+            self.process.wait(timeout=5)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+        self.process = None
+
+    def read_log(self):
+        return _read_text(self.log)
+
+    def read_client_log(self):
+        return _read_text(self.dlog)
+
+    def __enter__(self):
+        self.start()
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+        return False
+
+    def close(self):
+        self.stop()
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+
+def _read_text(path):
+    try:
+        with open(path, encoding="utf-8", errors="replace") as f:
+            return f.read()
+    except OSError:
+        return ""

@@ -1,0 +1,65 @@
+#include "ScenarioSupport.h"
+
+#include "DeploymentCredential.h"
+#include "HexUtils.h"
+
+#include <openssl/crypto.h>
+
+#include <algorithm>
+#include <cstring>
+#include <iostream>
+
+namespace test {
+namespace scenario {
+
+namespace {
+
+constexpr uint32_t kCredentialVersion = 1;
+constexpr uint32_t kCredentialFlags = 0;
+
+}  // namespace
+
+Credential::Credential() { std::memset(&cred_, 0, sizeof cred_); }
+
+Credential::~Credential() { wipe(&cred_, sizeof cred_); }
+
+bool Credential::init() {
+  const int result =
+      ss_init_credential(&cred_, kCredentialWords[0], kCredentialWords[1], kCredentialWords[2],
+                         kCredentialWords[3], kCredentialWords[4], kCredentialVersion,
+                         kCredentialFlags);
+  if (result != 0) {
+    printLine("ss_init_credential: FAIL");
+    return false;
+  }
+  return true;
+}
+
+void wipe(void* data, unsigned int length) {
+  if (data != nullptr && length != 0) {
+    OPENSSL_cleanse(data, length);
+  }
+}
+
+void printLine(const std::string& text) { std::cout << text << std::endl; }
+
+void printTextLine(const std::string& label, const char* text, unsigned int length) {
+  std::cout << label;
+  std::cout.write(text, static_cast<std::streamsize>(length));
+  std::cout << "]" << std::endl;
+}
+
+void printHexLine(const std::string& label, const unsigned char* data, unsigned int length) {
+  std::string hex = uint8_to_hex_string(data, length);
+  std::cout << label << hex << "]" << std::endl;
+  wipe(hex.data(), static_cast<unsigned int>(hex.size()));
+}
+
+void copySignature(unsigned char (&signature)[kSignatureSize], const unsigned char* data,
+                   unsigned int length) {
+  std::memset(signature, 0, sizeof signature);
+  std::memcpy(signature, data, std::min(length, kSignatureSize));
+}
+
+}  // namespace scenario
+}  // namespace test
