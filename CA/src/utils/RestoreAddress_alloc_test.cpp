@@ -9,6 +9,8 @@
 
 #include "RestoreAddress.h"
 
+#include "RecoverVectors.h"
+
 #include <gtest/gtest.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
@@ -65,61 +67,19 @@ void* counting_realloc(void* p, std::size_t size, const char* file, int line) {
 const bool allocator_installed =
     CRYPTO_set_mem_functions(counting_malloc, counting_realloc, counting_free) == 1;
 
-const char kZeroKeyAddress[] = "3f17f1962b36e491b30a40b2405849e597ba5fb5";
-
-std::string to_hex(const std::string& bytes) {
-  static const char digits[] = "0123456789abcdef";
-  std::string s;
-  for (unsigned char c : bytes) {
-    s += digits[c >> 4];
-    s += digits[c & 15];
-  }
-  return s;
-}
-
-std::string from_hex(const std::string& hex) {
-  std::string out;
-  if (hex == "-") {
-    return out;
-  }
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
-    out += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-  }
-  return out;
-}
-
-struct Case {
-  std::string kind;
-  std::string digest;
-  std::string r;
-  std::string s;
-  unsigned v;
-  std::string address;  // hex
-};
+using recover_vectors::kZeroKeyAddress;
+using recover_vectors::to_hex;
+using Case = recover_vectors::Vector;
 
 // The first vector of each kind named: a success, and a stop at each step
 // where the recovery can end early.
 std::vector<Case> cases() {
-  const std::string path = std::string(TESSERA_TESTDATA_DIR) + "/recover_vectors.txt";
-  std::ifstream in(path);
-  EXPECT_TRUE(in.is_open()) << "cannot read " << path;
   std::vector<std::string> wanted = {"sig",    "r-ge-p", "r-not-x",   "r-zero",
                                      "s-zero", "q-infinity", "v-above-1"};
   std::vector<Case> out;
-  std::string line;
-  while (std::getline(in, line)) {
-    std::istringstream fields(line);
-    Case c{};
-    std::string digest, r, s;
-    if (line.empty() || line[0] == '#' ||
-        !(fields >> c.kind >> digest >> r >> s >> c.v >> c.address)) {
-      continue;
-    }
+  for (const Case& c : recover_vectors::load()) {
     for (auto it = wanted.begin(); it != wanted.end(); ++it) {
       if (*it == c.kind) {
-        c.digest = from_hex(digest);
-        c.r = from_hex(r);
-        c.s = from_hex(s);
         out.push_back(c);
         wanted.erase(it);
         break;

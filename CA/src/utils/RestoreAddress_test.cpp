@@ -4,6 +4,8 @@
 
 #include "RestoreAddress.h"
 
+#include "RecoverVectors.h"
+
 #include "RestoreAddressImpl.h"
 #include "keccak.h"
 
@@ -27,28 +29,10 @@ namespace {
 
 using test::tools::RestoreAddress;
 
-const char kZeroKeyAddress[] = "3f17f1962b36e491b30a40b2405849e597ba5fb5";
-
-std::string to_hex(const std::string& bytes) {
-  static const char digits[] = "0123456789abcdef";
-  std::string s;
-  for (unsigned char c : bytes) {
-    s += digits[c >> 4];
-    s += digits[c & 15];
-  }
-  return s;
-}
-
-std::string from_hex(const std::string& hex) {
-  if (hex == "-") {
-    return {};
-  }
-  std::string out;
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
-    out += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-  }
-  return out;
-}
+using recover_vectors::from_hex;
+using recover_vectors::kZeroKeyAddress;
+using recover_vectors::to_hex;
+using recover_vectors::Vector;
 
 std::string bytes(const unsigned char* p, std::size_t n) {
   return std::string(reinterpret_cast<const char*>(p), n);
@@ -153,40 +137,8 @@ Signed random_signature(std::mt19937_64& rng) {
 
 // --- the vector file ---------------------------------------------------------
 
-struct Vector {
-  std::string kind;
-  std::string digest;
-  std::string r;
-  std::string s;
-  unsigned v;
-  std::string address;  // hex
-};
-
-std::vector<Vector> load_vectors() {
-  const std::string path = std::string(TESSERA_TESTDATA_DIR) + "/recover_vectors.txt";
-  std::ifstream in(path);
-  EXPECT_TRUE(in.is_open()) << "cannot read " << path;
-  std::vector<Vector> vectors;
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.empty() || line[0] == '#') {
-      continue;
-    }
-    std::istringstream fields(line);
-    Vector v{};
-    std::string digest, r, s;
-    fields >> v.kind >> digest >> r >> s >> v.v >> v.address;
-    EXPECT_FALSE(fields.fail()) << "bad line: " << line;
-    v.digest = from_hex(digest);
-    v.r = from_hex(r);
-    v.s = from_hex(s);
-    vectors.push_back(v);
-  }
-  return vectors;
-}
-
 const std::vector<Vector>& vectors() {
-  static const std::vector<Vector> all = load_vectors();
+  static const std::vector<Vector> all = recover_vectors::load();
   return all;
 }
 
