@@ -183,9 +183,10 @@ std::string host_executable() {
 }
 
 /* Everything between the options and the event loop. Fills settings and
- * listener, and keeps the locks in `locks` for the daemon's lifetime. */
+ * listener, keeps the locks in `locks` for the daemon's lifetime, and tells
+ * through key_created whether this start made the installation key. */
 Failure prepare(const Options& o, Settings* settings, UniqueFd* listener, UniqueFd locks[2],
-                std::string* socket_path) {
+                std::string* socket_path, bool* key_created) {
   Failure f = resolve_dir(o.ta_dir, "TA folder", &settings->ta_dir);
   if (f.failed()) return f;
 
@@ -221,12 +222,9 @@ Failure prepare(const Options& o, Settings* settings, UniqueFd* listener, Unique
                 kExitUsage, &locks[1]);
   if (f.failed()) return f;
 
-  bool created = false;
-  if (!load_or_create_installation_key(settings->storage_dir, &settings->installation_key, &created, &why))
+  if (!load_or_create_installation_key(settings->storage_dir, &settings->installation_key,
+                                      key_created, &why))
     return fail(kExitUsage, "installation key: " + why);
-  if (created)
-    TS_LOG_INFO("made a new installation key in %s/%s", settings->storage_dir.c_str(),
-                kInstallationKeyFile);
   f = tidy_storage(settings->storage_dir, o);
   if (f.failed()) return f;
   return bind_socket(*socket_path, listener);
@@ -331,7 +329,8 @@ int run(int argc, char** argv) {
   settings.random_seed = o.random_seed;
   UniqueFd listener, locks[2];
   std::string socket_path;
-  Failure f = prepare(o, &settings, &listener, locks, &socket_path);
+  bool key_created = false;
+  Failure f = prepare(o, &settings, &listener, locks, &socket_path, &key_created);
   if (!f.failed() && !o.log_file.empty()) {
     int r = redirect(STDERR_FILENO, o.log_file.c_str(), O_WRONLY | O_APPEND | O_CREAT);
     if (r != 0) f = fail(kExitUsage, "cannot open the log file " + o.log_file + ": " + errno_text(-r));
@@ -346,6 +345,10 @@ int run(int argc, char** argv) {
     return f.code;
   }
 
+  // Logged only now, so that a --log-file receives it too.
+  if (key_created)
+    TS_LOG_INFO("made a new installation key in %s/%s", settings.storage_dir.c_str(),
+                kInstallationKeyFile);
   if (o.has_random_seed)
     TS_LOG_WARN("TEE_GenerateRandom is DETERMINISTIC (--random-seed); TA keys are predictable");
   TS_LOG_INFO("teesim %s serving %s (TAs from %s, storage in %s)", TEESIM_VERSION,
