@@ -7,7 +7,7 @@ scripts/install-deps.sh test
 for preset in default asan; do
   echo "==> $preset build"
   cmake --preset "$preset" >/dev/null
-  cmake --build --preset "$preset"
+  cmake --build --preset "$preset" --target all tests
   echo "==> $preset tests"
   ctest --preset "$preset"
 done

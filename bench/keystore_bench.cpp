@@ -114,7 +114,7 @@ keystore_test::TeesimDaemon& Daemon() {
 const credential& Cred() {
   static credential c = [] {
     credential made;
-    const uint32_t* w = test::kCredentialWords;
+    const uint32_t* w = tessera::kCredentialWords;
     if (ss_init_credential(&made, w[0], w[1], w[2], w[3], w[4], 1, 0) != 0) std::abort();
     return made;
   }();

@@ -1,7 +1,14 @@
-# Build conventions shared by every component: warnings, sanitizers, and the
-# helpers that declare unit tests and fuzz targets.
+# Build conventions shared by every component: warnings, sanitizers, the
+# product/test split, and the helpers that declare tests, test-support
+# libraries and fuzz targets.
+#
+# The default target builds the product only (what an operator runs). Every
+# test program, test-support library and fuzz target is left out of it and
+# hangs under the `tests` target instead, so `cmake --build` of a fresh tree
+# compiles no test code, and `--target tests` builds everything ctest runs.
 
-# Every target of the project links this to get the warning set.
+# Every target of the project links this to get the warning set. -Werror is
+# a CI setting (TESSERA_WERROR, on in the presets), not forced on consumers.
 add_library(tessera_warnings INTERFACE)
 target_compile_options(tessera_warnings INTERFACE
   -Wall -Wextra -Wshadow -Wformat=2 -Wundef
@@ -23,8 +30,42 @@ if(TESSERA_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 
-# Seconds each fuzz target runs inside ctest; long campaigns use `make fuzz-long`.
+# Seconds each fuzz target runs inside ctest; long campaigns call
+# scripts/run-fuzzer.sh with a longer time.
 set(TESSERA_FUZZ_SECONDS 15 CACHE STRING "Length of the short fuzz runs in ctest")
+
+# Everything ctest needs beyond the product.
+add_custom_target(tests)
+
+# tessera_mark_test_only(<targets...>)
+# Records targets that exist for tests only. The layering check
+# (scripts/check_layers.py) fails when a product target links one.
+function(tessera_mark_test_only)
+  set_property(GLOBAL APPEND PROPERTY TESSERA_TEST_ONLY_TARGETS ${ARGN})
+endfunction()
+
+# tessera_add_test_library(<name> <STATIC|OBJECT|INTERFACE> [sources...])
+# A library that only tests link (fakes, doubles, fixtures): left out of the
+# default build, built by `tests`, and known to the layering check.
+function(tessera_add_test_library name kind)
+  if(kind STREQUAL "INTERFACE")
+    add_library(${name} INTERFACE)
+  else()
+    add_library(${name} ${kind} EXCLUDE_FROM_ALL ${ARGN})
+    target_link_libraries(${name} PRIVATE tessera_warnings)
+    add_dependencies(tests ${name})
+  endif()
+  tessera_mark_test_only(${name})
+endfunction()
+
+# tessera_add_test_program(<name> <sources...>)
+# An executable that only tests run (a test tool, a dump of compiled-in data).
+function(tessera_add_test_program name)
+  add_executable(${name} EXCLUDE_FROM_ALL ${ARGN})
+  target_link_libraries(${name} PRIVATE tessera_warnings)
+  add_dependencies(tests ${name})
+  tessera_mark_test_only(${name})
+endfunction()
 
 # tessera_add_gtest(<name> SOURCES <files...> [LIBS <targets...>] [LABELS <labels...>])
 # Builds a GoogleTest program and lets ctest discover each test case in it.
@@ -33,10 +74,11 @@ function(tessera_add_gtest name)
     return()
   endif()
   cmake_parse_arguments(ARG "" "" "SOURCES;LIBS;LABELS" ${ARGN})
-  add_executable(${name} ${ARG_SOURCES})
-  target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gtest_main tessera_warnings)
+  tessera_add_test_program(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gtest_main)
   gtest_discover_tests(${name}
     DISCOVERY_MODE PRE_TEST
+    DISCOVERY_TIMEOUT 60
     TEST_LIST ${name}_TESTS)
   # Labels are applied after discovery: a list given through
   # gtest_discover_tests(PROPERTIES) loses all but its first element.
@@ -49,24 +91,38 @@ function(tessera_add_gtest name)
 endfunction()
 
 # tessera_add_fuzzer(<name> SOURCES <files...> [LIBS <targets...>] [CORPUS <dir>])
-# Builds a libFuzzer target (only with TESSERA_FUZZ) and registers a short run.
+# Builds a libFuzzer target (only with TESSERA_FUZZ) and registers a short
+# run. By convention the source is fuzz/<name>.cpp of its component and the
+# seeds live in fuzz/corpus/ beside it.
 function(tessera_add_fuzzer name)
   if(NOT TESSERA_FUZZ)
     return()
   endif()
   cmake_parse_arguments(ARG "" "CORPUS" "SOURCES;LIBS" ${ARGN})
-  add_executable(${name} ${ARG_SOURCES})
+  tessera_add_test_program(${name} ${ARG_SOURCES})
   target_compile_options(${name} PRIVATE -fsanitize=fuzzer)
   target_link_options(${name} PRIVATE -fsanitize=fuzzer)
-  target_link_libraries(${name} PRIVATE ${ARG_LIBS} tessera_warnings)
+  target_link_libraries(${name} PRIVATE ${ARG_LIBS})
   set(work "${CMAKE_CURRENT_BINARY_DIR}/${name}-corpus")
   set(seeds "")
   if(ARG_CORPUS)
     set(seeds "${ARG_CORPUS}")
   endif()
   add_test(NAME fuzz.${name}
-    COMMAND ${CMAKE_COMMAND} -E env
-            ${CMAKE_SOURCE_DIR}/scripts/run-fuzzer.sh $<TARGET_FILE:${name}>
+    COMMAND ${CMAKE_SOURCE_DIR}/scripts/run-fuzzer.sh $<TARGET_FILE:${name}>
             ${TESSERA_FUZZ_SECONDS} ${work} ${seeds})
   set_tests_properties(fuzz.${name} PROPERTIES LABELS "fuzz" TIMEOUT 300)
+endfunction()
+
+# tessera_write_layer_map()
+# Called once at the end of the top-level CMakeLists: writes the list of
+# test-only targets for the layering check, and asks CMake's file API for the
+# code model (targets, their folders, links and include folders), which
+# CMake writes at generation time.
+function(tessera_write_layer_map)
+  get_property(test_only GLOBAL PROPERTY TESSERA_TEST_ONLY_TARGETS)
+  list(REMOVE_DUPLICATES test_only)
+  list(JOIN test_only "\n" lines)
+  file(WRITE "${CMAKE_BINARY_DIR}/tessera-test-only-targets.txt" "${lines}\n")
+  file(WRITE "${CMAKE_BINARY_DIR}/.cmake/api/v1/query/client-tessera/codemodel-v2" "")
 endfunction()

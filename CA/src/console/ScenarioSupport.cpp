@@ -12,22 +12,16 @@
 namespace test {
 namespace scenario {
 
-namespace {
-
-constexpr uint32_t kCredentialVersion = 1;
-constexpr uint32_t kCredentialFlags = 0;
-
-}  // namespace
-
 Credential::Credential() { std::memset(&cred_, 0, sizeof cred_); }
 
 Credential::~Credential() { wipe(&cred_, sizeof cred_); }
 
 bool Credential::init() {
   const int result =
-      ss_init_credential(&cred_, kCredentialWords[0], kCredentialWords[1], kCredentialWords[2],
-                         kCredentialWords[3], kCredentialWords[4], kCredentialVersion,
-                         kCredentialFlags);
+      ss_init_credential(&cred_, tessera::kCredentialWords[0], tessera::kCredentialWords[1],
+                         tessera::kCredentialWords[2], tessera::kCredentialWords[3],
+                         tessera::kCredentialWords[4], tessera::kCredentialVersion,
+                         tessera::kCredentialFlags);
   if (result != 0) {
     printLine("ss_init_credential: FAIL");
     return false;

@@ -35,7 +35,7 @@ class Credential {
   Credential& operator=(const Credential&) = delete;
 
   /* Fills the credential with ss_init_credential from the deployment's
-   * identity words (test::kCredentialWords), version 1 and flags 0.
+   * identity words (tessera::kCredentialWords), version 1 and flags 0.
    * Returns: true when it is ready; false after printing
    *          "ss_init_credential: FAIL" on its own line. */
   [[nodiscard]] bool init();

@@ -231,7 +231,7 @@ TEST_F(KeystoreTest, InstallationPropertiesListTheConsolesCredential) {
     if (line.rfind(prefix, 0) == 0) value = line.substr(prefix.size());
   }
   credential console;
-  const uint32_t* w = test::kCredentialWords;
+  const uint32_t* w = tessera::kCredentialWords;
   ASSERT_EQ(ss_init_credential(&console, w[0], w[1], w[2], w[3], w[4], 1, 0), 0);
   Token token;
   std::memcpy(token.data(), console.token, 32);

@@ -47,7 +47,7 @@ class KeystoreE2E : public ::testing::Test {
     ASSERT_TRUE(Daemon().Start()) << Daemon().error();
   }
   void SetUp() override {
-    const uint32_t* w = test::kCredentialWords;
+    const uint32_t* w = tessera::kCredentialWords;
     ASSERT_EQ(ss_init_credential(&cred_, w[0], w[1], w[2], w[3], w[4], 1, 0), 0);
     ASSERT_EQ(ss_init_credential(&stranger_, 1, 2, 3, 4, 5, 1, 0), 0);
     log_start_ = ReadFile(ClientLog()).size();

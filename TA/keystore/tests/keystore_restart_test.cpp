@@ -29,7 +29,7 @@ const unsigned char kPin[6] = {'1', '3', '5', '7', '9', '2'};
 
 credential Console() {
   credential c;
-  const uint32_t* w = test::kCredentialWords;
+  const uint32_t* w = tessera::kCredentialWords;
   if (ss_init_credential(&c, w[0], w[1], w[2], w[3], w[4], 1, 0) != 0) std::abort();
   return c;
 }

@@ -94,7 +94,7 @@ class ScenarioTest : public ::testing::Test {
     const auto& calls = keystore_doubles::CredentialCalls();
     ASSERT_EQ(calls.size(), 1u);
     for (std::size_t i = 0; i < 5; ++i) {
-      EXPECT_EQ(calls[0].words[i], test::kCredentialWords[i]) << "word " << i;
+      EXPECT_EQ(calls[0].words[i], tessera::kCredentialWords[i]) << "word " << i;
     }
     EXPECT_EQ(calls[0].version, 1u);
     EXPECT_EQ(calls[0].flags, 0u);

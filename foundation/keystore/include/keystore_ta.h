@@ -42,9 +42,29 @@
   { 0x58d50001, 0x1105, 0x000b, { 0xaf, 0x0c, 0xc1, 0x2f, 0xb6, 0xed, 0xec, 0xca } }
 #define KEYSTORE_TA_UUID_TEXT "58d50001-1105-000b-af0c-c12fb6edecca"
 
-/* Size of a credential token and of an encoded derivation path. */
+/* Sizes of the fixed-size fields, in bytes: a credential token; an encoded
+ * derivation path; the digest that SIGN takes; and the answers of
+ * GET_PRIVATE_KEY, GET_ADDRESS and SIGN. */
 #define KEYSTORE_CREDENTIAL_SIZE 32u
 #define KEYSTORE_PATH_SIZE 20u
+#define KEYSTORE_DIGEST_SIZE 32u
+#define KEYSTORE_PRIVATE_KEY_SIZE 32u
+#define KEYSTORE_ADDRESS_SIZE 20u
+#define KEYSTORE_SIGNATURE_SIZE 65u
+/* Where r, s and v sit in a signature: r in bytes 0..31, s in 32..63, v at 64. */
+#define KEYSTORE_SIGNATURE_R_SIZE 32u
+#define KEYSTORE_SIGNATURE_S_SIZE 32u
+#define KEYSTORE_SIGNATURE_V_OFFSET 64u
+
+/* Limits of the variable-size fields, in bytes: a PIN (SAVE_PIN, CHECK_PIN)
+ * and the longest phrase (24 words of at most 8 letters and 23 spaces),
+ * which bounds the answer of GET_MNEMONIC. Seeds are 16, 20, 24, 28 or 32
+ * bytes of entropy. */
+#define KEYSTORE_PIN_MIN_SIZE 1u
+#define KEYSTORE_PIN_MAX_SIZE 128u
+#define KEYSTORE_PHRASE_MAX_SIZE (24u * 8u + 23u)
+#define KEYSTORE_SEED_MIN_SIZE 16u
+#define KEYSTORE_SEED_MAX_SIZE 32u
 
 enum keystore_command {
   /* Request: cred; sel; u32 n; blob seed (n bytes: 16, 20, 24, 28 or 32).

@@ -1,6 +1,6 @@
 // Writes the keystore TA's installation properties: the allow-list of
-// credential tokens, made with the real ss_init_credential from the console's
-// deployment words, so the TA serves exactly the credential the console uses.
+// credential tokens, made with the real ss_init_credential from the
+// deployment's identity words, so the TA serves exactly the credential the console uses.
 //
 // Usage: keystore_make_props <output file>
 #include <cstdio>
@@ -15,8 +15,9 @@ int main(int argc, char** argv) {
     return 2;
   }
   credential console;
-  const uint32_t* w = test::kCredentialWords;
-  const int rc = ss_init_credential(&console, w[0], w[1], w[2], w[3], w[4], 1, 0);
+  const uint32_t* w = tessera::kCredentialWords;
+  const int rc = ss_init_credential(&console, w[0], w[1], w[2], w[3], w[4],
+                                    tessera::kCredentialVersion, tessera::kCredentialFlags);
   if (rc != 0) {
     std::fprintf(stderr, "%s: ss_init_credential failed (%d)\n", argv[0], rc);
     return 1;
@@ -27,7 +28,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   std::fprintf(out, "# Installation properties of the keystore TA (%s).\n", KEYSTORE_TA_UUID_TEXT);
-  std::fprintf(out, "# Generated at build time from CA/src/console/DeploymentCredential.h.\n");
+  std::fprintf(out, "# Generated at build time from foundation/identity/include/DeploymentCredential.h.\n");
   std::fprintf(out, "%s = ", KEYSTORE_PROP_ALLOWED_CREDENTIALS);
   for (unsigned i = 0; i < SS_TOKEN_SIZE; ++i) std::fprintf(out, "%02x", console.token[i]);
   std::fprintf(out, "\n");
