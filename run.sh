@@ -9,7 +9,7 @@ set -eu
 cd "$(dirname "$0")"
 scripts/install-deps.sh build
 cmake --preset default >/dev/null
-cmake --build --preset default --target tessera keystore_ta
+cmake --build --preset default
 
 menu=/opt/data/tessera/menu.json
 if [ ! -e "$menu" ]; then

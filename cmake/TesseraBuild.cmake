@@ -126,3 +126,19 @@ function(tessera_write_layer_map)
   file(WRITE "${CMAKE_BINARY_DIR}/tessera-test-only-targets.txt" "${lines}\n")
   file(WRITE "${CMAKE_BINARY_DIR}/.cmake/api/v1/query/client-tessera/codemodel-v2" "")
 endfunction()
+
+# tessera_list_e2e(<script> <out-var>)
+# Lists the tests that a Python end-to-end script offers (`<script> --list`,
+# one name per line) into <out-var>, so that ctest runs each on its own.
+function(tessera_list_e2e script out)
+  execute_process(
+    COMMAND ${TESSERA_PYTHON3} ${script} --list
+    OUTPUT_VARIABLE listed
+    RESULT_VARIABLE status
+    OUTPUT_STRIP_TRAILING_WHITESPACE)
+  if(NOT status EQUAL 0 OR listed STREQUAL "")
+    message(FATAL_ERROR "could not list the end-to-end tests of ${script} (${status})")
+  endif()
+  string(REPLACE "\n" ";" listed "${listed}")
+  set(${out} ${listed} PARENT_SCOPE)
+endfunction()

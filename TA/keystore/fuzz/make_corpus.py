@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Writes the seed corpus of fuzz_keystore_command: one well-formed request
+"""Writes the seed corpus of keystore_command_fuzz: one well-formed request
 per command (and a few near misses), in the fuzzer's input format (command
 byte, flags byte, buffer), with the message format of CTzfrWsm.h.
 

@@ -65,7 +65,7 @@ std::size_t EntropyToPhrase(const unsigned char* entropy, std::size_t len, char*
   unsigned char hash[32];
   if (!Sha256(entropy, len, hash)) return 0;
   bits[len] = hash[0];
-  Wipe(hash, sizeof hash);
+  tessera_secure_wipe(hash, sizeof hash);
 
   const std::size_t words = (len * 8 + len / 4) / 11;
   std::size_t at = 0;
@@ -80,8 +80,8 @@ std::size_t EntropyToPhrase(const unsigned char* entropy, std::size_t len, char*
     if (w != 0) out[at++] = ' ';
     std::memcpy(out + at, letters, n);
     at += n;
-    Wipe(letters, sizeof letters);
-    Wipe(&word, sizeof word);
+    tessera_secure_wipe(letters, sizeof letters);
+    tessera_secure_wipe(&word, sizeof word);
   }
   return at;
 }
@@ -101,14 +101,14 @@ bool IsValidPhrase(const char* text, std::size_t len) {
     for (std::size_t k = 0; k < n; ++k) {
       const char c = text[start + k];
       if (c < 'a' || c > 'z') {
-        Wipe(padded, sizeof padded);
+        tessera_secure_wipe(padded, sizeof padded);
         return false;
       }
       padded[k] = c;
     }
     bool found = false;
     const uint32_t index = IndexOf(Load8(padded), &found);
-    Wipe(padded, sizeof padded);
+    tessera_secure_wipe(padded, sizeof padded);
     all_known = all_known && found;
     for (std::size_t b = 0; b < 11; ++b) {
       const std::size_t bit = words * 11 + b;
@@ -128,7 +128,7 @@ bool IsValidPhrase(const char* text, std::size_t len) {
   // under a mask (no early exit).
   const unsigned mask = (0xFFu << (8 - checksum_bits)) & 0xFFu;
   const bool ok = ((bits[entropy_len] ^ hash[0]) & mask) == 0;
-  Wipe(hash, sizeof hash);
+  tessera_secure_wipe(hash, sizeof hash);
   return ok;
 }
 

@@ -14,11 +14,13 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "keystore_ta.h"
+
 namespace keystore {
 namespace bip39 {
 
 /* Longest phrase: 24 words of at most 8 letters and 23 spaces. */
-constexpr std::size_t kMaxPhraseLength = 24 * 8 + 23;
+constexpr std::size_t kMaxPhraseLength = KEYSTORE_PHRASE_MAX_SIZE;
 /* PBKDF2 rounds and seed size. */
 constexpr uint32_t kSeedRounds = 2048;
 constexpr std::size_t kSeedSize = 64;

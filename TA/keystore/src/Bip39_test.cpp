@@ -10,12 +10,13 @@
 
 #include "Bip39Words.h"
 
-#include "HexText.h"
+#include "tessera/testing/hex.h"
+#include "tessera/testing/vector_file.h"
 
 namespace {
 
-using keystore_test::Hex;
-using keystore_test::Unhex;
+using tessera::testing::Hex;
+using tessera::testing::Unhex;
 
 using keystore::bip39::EntropyToPhrase;
 using keystore::bip39::IsValidPhrase;
@@ -29,17 +30,11 @@ struct Vector {
 };
 
 std::vector<Vector> TrezorVectors() {
-  std::ifstream in(KEYSTORE_TESTDATA "/bip39_english_trezor.txt");
   std::vector<Vector> v;
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.empty() || line[0] == '#') continue;
-    std::istringstream fields(line);
-    Vector x;
-    std::getline(fields, x.entropy, '|');
-    std::getline(fields, x.phrase, '|');
-    std::getline(fields, x.seed, '|');
-    v.push_back(x);
+  for (const auto& line :
+       tessera::testing::ReadVectorFile(KEYSTORE_TESTDATA "/bip39_english_trezor.txt", '|')) {
+    EXPECT_EQ(line.fields.size(), 3u) << "bad line " << line.number;
+    if (line.fields.size() == 3) v.push_back(Vector{line.fields[0], line.fields[1], line.fields[2]});
   }
   return v;
 }

@@ -13,12 +13,13 @@
 
 #include "keccak.h"
 
-#include "HexText.h"
+#include "tessera/testing/hex.h"
+#include "tessera/testing/vector_file.h"
 
 namespace {
 
-using keystore_test::Hex;
-using keystore_test::Unhex;
+using tessera::testing::Hex;
+using tessera::testing::Unhex;
 
 using Bytes = std::vector<unsigned char>;
 using keystore::Curve;
@@ -71,15 +72,12 @@ uint32_t Be32(const unsigned char* p) {
 TEST(Keys, Bip32PublishedVectorsOneToFour) {
   auto curve = MakeCurve();
   ASSERT_NE(curve, nullptr);
-  std::ifstream in(KEYSTORE_TESTDATA "/bip32_vectors.txt");
-  std::string line;
   Bytes seed;
   int chains = 0, seeds = 0;
-  while (std::getline(in, line)) {
-    if (line.empty() || line[0] == '#') continue;
-    std::istringstream fields(line);
-    std::string first, second;
-    fields >> first >> second;
+  for (const auto& line : tessera::testing::ReadVectorFile(KEYSTORE_TESTDATA "/bip32_vectors.txt")) {
+    ASSERT_EQ(line.fields.size(), 2u) << "bad line " << line.number;
+    const std::string& first = line.fields[0];
+    const std::string& second = line.fields[1];
     if (first == "seed") {
       seed = Unhex(second);
       ++seeds;

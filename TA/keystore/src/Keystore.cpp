@@ -15,10 +15,11 @@ namespace {
 constexpr uint32_t kParamTypes = TEE_PARAM_TYPES(TEE_PARAM_TYPE_MEMREF_INOUT, TEE_PARAM_TYPE_NONE,
                                                  TEE_PARAM_TYPE_NONE, TEE_PARAM_TYPE_NONE);
 constexpr std::size_t kMaxAnswerData = 256;  // the longest answer is a 24-word phrase
-constexpr std::size_t kAddressSize = 20;
-constexpr std::size_t kKeySize = 32;
-constexpr std::size_t kSignatureSize = 65;
-constexpr std::size_t kDigestSize = 32;
+static_assert(kMaxAnswerData >= KEYSTORE_PHRASE_MAX_SIZE, "room for the longest phrase");
+constexpr std::size_t kAddressSize = KEYSTORE_ADDRESS_SIZE;
+constexpr std::size_t kKeySize = KEYSTORE_PRIVATE_KEY_SIZE;
+constexpr std::size_t kSignatureSize = KEYSTORE_SIGNATURE_SIZE;
+constexpr std::size_t kDigestSize = KEYSTORE_DIGEST_SIZE;
 
 std::size_t Padded(std::size_t n) { return (n + 3) & ~std::size_t{3}; }
 
@@ -146,8 +147,8 @@ struct Keystore::Answer {
 void Keystore::CachedNode::Clear() {
   node.key.Clear();
   node.chain.Clear();
-  Wipe(&pub, sizeof pub);
-  Wipe(path, sizeof path);
+  tessera_secure_wipe(&pub, sizeof pub);
+  tessera_secure_wipe(path, sizeof path);
   used = false;
   has_pub = false;
   depth = 0;
@@ -166,7 +167,7 @@ void Keystore::Wallet::Clear() {
   has_master = false;
   used = false;
   last_use = 0;
-  Wipe(&id, sizeof id);
+  tessera_secure_wipe(&id, sizeof id);
 }
 
 Keystore::Keystore(Curve* curve)

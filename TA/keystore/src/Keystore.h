@@ -31,6 +31,7 @@
 
 #include "Keys.h"
 #include "Wallet.h"
+#include "keystore_ta.h"
 #include "tee_internal_api.h"
 
 class CTzfrWsm;
@@ -44,7 +45,7 @@ class Keystore {
   /* Largest request that is read (bytes of the shared buffer). */
   static constexpr std::size_t kMaxRequestSize = 64 * 1024;
   /* Accepted PIN lengths. */
-  static constexpr uint32_t kMaxPinLength = 128;
+  static constexpr uint32_t kMaxPinLength = KEYSTORE_PIN_MAX_SIZE;
 
   /* Makes the instance's keystore.
    * Returns TEE_SUCCESS and sets *out (owned by the caller), or

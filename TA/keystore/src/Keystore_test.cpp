@@ -18,207 +18,15 @@
 #include "CTzfrWsm.h"
 #include "DeploymentCredential.h"
 #include "FakeInternalApi.h"
-#include "TestDataTables.h"
+#include "KeystoreHarness.h"
+#include "tessera/testing/vector_file.h"
 #include "keystore_ta.h"
 #include "securestorage.h"
 
-#include <secp256k1.h>
-#include <secp256k1_recovery.h>
-
-#include "HexText.h"
 
 namespace {
 
-using keystore_test::Hex;
-using keystore_test::Unhex;
-
-using Bytes = std::vector<unsigned char>;
-using Token = std::array<unsigned char, 32>;
-using fake_tee::Op;
-using keystore::Keystore;
-
-constexpr uint32_t kInOut = TEE_PARAM_TYPES(TEE_PARAM_TYPE_MEMREF_INOUT, TEE_PARAM_TYPE_NONE,
-                                            TEE_PARAM_TYPE_NONE, TEE_PARAM_TYPE_NONE);
-constexpr uint32_t kSel = 340;
-
-
-
-Token MakeToken(unsigned char fill) {
-  Token t;
-  t.fill(fill);
-  t[0] = 0x10;
-  return t;
-}
-
-const Token kAlice = MakeToken(0xA1);
-const Token kBob = MakeToken(0xB0);
-const Token kMallory = MakeToken(0x66);  // never allowed
-
-std::string TokenHex(const Token& t) { return Hex(Bytes(t.begin(), t.end())); }
-
-struct Path {
-  uint32_t level[5];
-};
-
-Path ParsePath(const std::string& text) {
-  Path p{};
-  std::stringstream in(text);
-  std::string level;
-  int i = 0;
-  while (std::getline(in, level, '/') && i < 5) {
-    const bool hardened = !level.empty() && level.back() == 'H';
-    p.level[i++] = static_cast<uint32_t>(std::stoul(hardened ? level.substr(0, level.size() - 1) : level)) |
-                   (hardened ? 0x80000000u : 0u);
-  }
-  return p;
-}
-
-const Path kAccount0 = ParsePath("44H/60H/0H/0/0");
-
-// ---- Requests -------------------------------------------------------------------
-
-class Request {
- public:
-  Request() : buf_(8192, 0), w_(buf_.data(), buf_.size()) {}
-  Request& Uint(unsigned v) {
-    EXPECT_TRUE(w_.PutUint(v));
-    return *this;
-  }
-  Request& Blob(const void* p, std::size_t n) {
-    EXPECT_TRUE(w_.PutBlob(p, static_cast<unsigned>(n)));
-    return *this;
-  }
-  Request& Blob(const Bytes& b) { return Blob(b.data(), b.size()); }
-  Request& Sized(const Bytes& b) { return Uint(static_cast<unsigned>(b.size())).Blob(b); }
-  Request& Cred(const Token& t, uint32_t selector = kSel) { return Blob(t.data(), 32).Uint(selector); }
-  Request& PathBlob(const Path& p) { return Blob(p.level, sizeof p.level); }
-  Bytes& bytes() { return buf_; }
-
- private:
-  Bytes buf_;
-  CTzfrWsm w_;
-};
-
-struct Reply {
-  TEE_Result rc;
-  Bytes shared;     // the caller's buffer after the call
-  uint32_t size;    // params[0].memref.size after the call
-  // Answer fields.
-  bool Verdict(unsigned* v) {
-    CTzfrWsm r(shared.data(), shared.size());
-    return r.PrepareReset(1) && r.GetUint(v) && r.AtEnd();
-  }
-  bool Data(Bytes* out) {
-    CTzfrWsm r(shared.data(), shared.size());
-    unsigned n = 0;
-    if (!r.PrepareReset(1) || !r.GetUint(&n)) return false;
-    const auto* p = static_cast<const unsigned char*>(r.GetBlob(n));
-    if (p == nullptr || !r.AtEnd()) return false;
-    out->assign(p, p + n);
-    return true;
-  }
-};
-
-Reply Exchange(Keystore& ks, uint32_t cmd, Bytes request, uint32_t types = kInOut) {
-  TEE_Param params[4] = {};
-  params[0].memref.buffer = request.data();
-  params[0].memref.size = static_cast<uint32_t>(request.size());
-  const TEE_Result rc = ks.Invoke(cmd, types, params);
-  return {rc, request, params[0].memref.size};
-}
-
-// ---- Fixture ----------------------------------------------------------------------
-
-class KeystoreTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    fake_tee::Reset(42);
-    fake_tee::SetProperty(KEYSTORE_PROP_ALLOWED_CREDENTIALS, TokenHex(kAlice) + ", " + TokenHex(kBob));
-    Restart();
-  }
-  // A new TA instance over the same storage (as after the TA process died).
-  void Restart() {
-    ks_.reset();
-    ASSERT_EQ(Keystore::Create(&ks_), TEE_SUCCESS);
-  }
-
-  Reply Call(uint32_t cmd, Request& r) { return Exchange(*ks_, cmd, r.bytes()); }
-
-  TEE_Result Restore(const Bytes& entropy, const Token& t = kAlice, uint32_t sel = kSel) {
-    Request r;
-    r.Cred(t, sel).Sized(entropy);
-    return Call(KEYSTORE_CMD_RESTORE_SEED, r).rc;
-  }
-  TEE_Result Simple(uint32_t cmd, const Token& t = kAlice, uint32_t sel = kSel) {
-    Request r;
-    r.Cred(t, sel);
-    return Call(cmd, r).rc;
-  }
-  TEE_Result Mnemonic(std::string* phrase, const Token& t = kAlice, uint32_t sel = kSel) {
-    Request r;
-    r.Cred(t, sel);
-    Reply reply = Call(KEYSTORE_CMD_GET_MNEMONIC, r);
-    Bytes b;
-    if (reply.rc == TEE_SUCCESS) {
-      EXPECT_TRUE(reply.Data(&b));
-      phrase->assign(b.begin(), b.end());
-    }
-    return reply.rc;
-  }
-  TEE_Result PathData(uint32_t cmd, const Path& p, Bytes* out, const Token& t = kAlice,
-                      uint32_t sel = kSel) {
-    Request r;
-    r.Cred(t, sel).PathBlob(p);
-    Reply reply = Call(cmd, r);
-    if (reply.rc == TEE_SUCCESS) {
-      EXPECT_TRUE(reply.Data(out));
-    }
-    return reply.rc;
-  }
-  TEE_Result Sign(const Path& p, const Bytes& digest, Bytes* out, const Token& t = kAlice) {
-    Request r;
-    r.Cred(t).PathBlob(p).Sized(digest);
-    Reply reply = Call(KEYSTORE_CMD_SIGN, r);
-    if (reply.rc == TEE_SUCCESS) {
-      EXPECT_TRUE(reply.Data(out));
-    }
-    return reply.rc;
-  }
-  TEE_Result SavePin(const std::string& pin, const Token& t = kAlice) {
-    Request r;
-    r.Cred(t).Sized(Bytes(pin.begin(), pin.end()));
-    return Call(KEYSTORE_CMD_SAVE_PIN, r).rc;
-  }
-  TEE_Result CheckPin(const std::string& pin, unsigned* verdict, const Token& t = kAlice) {
-    Request r;
-    r.Cred(t).Sized(Bytes(pin.begin(), pin.end()));
-    Reply reply = Call(KEYSTORE_CMD_CHECK_PIN, r);
-    if (reply.rc == TEE_SUCCESS) {
-      EXPECT_TRUE(reply.Verdict(verdict));
-    }
-    return reply.rc;
-  }
-  unsigned CheckPhrase(const std::string& text) {
-    Request r;
-    r.Sized(Bytes(text.begin(), text.end()));
-    Reply reply = Call(KEYSTORE_CMD_CHECK_MNEMONIC, r);
-    EXPECT_EQ(reply.rc, TEE_SUCCESS);
-    unsigned v = 99;
-    EXPECT_TRUE(reply.Verdict(&v));
-    return v;
-  }
-  // The one stored object (there is one wallet in most tests).
-  Bytes& OnlyObject() {
-    EXPECT_EQ(fake_tee::Objects().size(), 1u);
-    return fake_tee::Objects().begin()->second;
-  }
-
-  std::unique_ptr<Keystore> ks_;
-};
-
-const Bytes kZeroEntropy(16, 0);
-const std::string kZeroPhrase =
-    "abandon abandon abandon abandon abandon abandon abandon abandon abandon abandon abandon about";
+using namespace keystore_test;
 
 // ---- Creation and the allow-list ------------------------------------------------------
 
@@ -469,76 +277,15 @@ TEST_F(KeystoreTest, WalletsAreKeyedByCredentialAndSelector) {
   }
 }
 
-// ---- The console's own test data --------------------------------------------------------
-
-TEST_F(KeystoreTest, ConsoleTestDataEveryDataSetAndAccount) {
-  namespace v = test::vectors;
-  for (unsigned d = 0; d < v::kDataSetCount; ++d) {
-    ASSERT_EQ(Restore(Bytes(v::kSeeds[d], v::kSeeds[d] + v::kSeedLengths[d])), TEE_SUCCESS) << "data set " << d;
-    std::string phrase;
-    ASSERT_EQ(Mnemonic(&phrase), TEE_SUCCESS);
-    EXPECT_EQ(phrase, v::kMnemonics[d]) << "data set " << d;
-    EXPECT_EQ(CheckPhrase(v::kMnemonics[d]), 1u);
-    for (unsigned a = 0; a < v::kAccountCount; ++a) {
-      SCOPED_TRACE("data set " + std::to_string(d) + ", account " + std::to_string(a));
-      const unsigned row = v::kAccountCount * d + a;
-      Path p = kAccount0;
-      p.level[4] = a;
-      Bytes key, address, sig;
-      ASSERT_EQ(PathData(KEYSTORE_CMD_GET_PRIVATE_KEY, p, &key), TEE_SUCCESS);
-      EXPECT_EQ(key, Bytes(v::kPrivateKeys[row], v::kPrivateKeys[row] + 32));
-      ASSERT_EQ(PathData(KEYSTORE_CMD_GET_ADDRESS, p, &address), TEE_SUCCESS);
-      EXPECT_EQ(address, Bytes(v::kAddresses[row], v::kAddresses[row] + 20));
-      ASSERT_EQ(Sign(p, Bytes(v::kApiTestDigest, v::kApiTestDigest + 32), &sig), TEE_SUCCESS);
-      Bytes expected(v::kSignatureR[row], v::kSignatureR[row] + 32);
-      expected.insert(expected.end(), v::kSignatureS[row], v::kSignatureS[row] + 32);
-      expected.push_back(v::kSignatureV[row]);
-      EXPECT_EQ(Hex(sig), Hex(expected));
-    }
-  }
-  for (unsigned i = 0; i < v::kPinCount; ++i) {
-    const std::string pin(v::kPins[i]);
-    ASSERT_EQ(SavePin(pin), TEE_SUCCESS);
-    unsigned verdict = 0;
-    ASSERT_EQ(CheckPin(pin, &verdict), TEE_SUCCESS);
-    EXPECT_EQ(verdict, KEYSTORE_PIN_MATCH) << pin;
-  }
-}
-
-TEST_F(KeystoreTest, ConsoleSpecialTransactionsAreAllSignedByTheSpecialSeed) {
-  namespace v = test::vectors;
-  ASSERT_EQ(Restore(Bytes(v::kSpecialSeed, v::kSpecialSeed + 16)), TEE_SUCCESS);
-  Bytes key;
-  ASSERT_EQ(PathData(KEYSTORE_CMD_GET_PRIVATE_KEY, kAccount0, &key), TEE_SUCCESS);
-  secp256k1_context* ctx = secp256k1_context_create(SECP256K1_CONTEXT_NONE);
-  secp256k1_pubkey expected;
-  ASSERT_EQ(secp256k1_ec_pubkey_create(ctx, &expected, key.data()), 1);
-  for (unsigned i = 0; i < v::kSpecialTransactionCount; ++i) {
-    const Bytes digest(v::kSpecialTransactions[i], v::kSpecialTransactions[i] + 32);
-    Bytes sig;
-    ASSERT_EQ(Sign(kAccount0, digest, &sig), TEE_SUCCESS) << "transaction " << i;
-    ASSERT_EQ(sig.size(), 65u);
-    secp256k1_ecdsa_recoverable_signature rsig;
-    ASSERT_EQ(secp256k1_ecdsa_recoverable_signature_parse_compact(ctx, &rsig, sig.data(), sig[64]), 1);
-    secp256k1_pubkey recovered;
-    // libsecp256k1 reduces a digest modulo n both when signing and recovering.
-    ASSERT_EQ(secp256k1_ecdsa_recover(ctx, &recovered, &rsig, digest.data()), 1) << "transaction " << i;
-    EXPECT_EQ(secp256k1_ec_pubkey_cmp(ctx, &recovered, &expected), 0) << "transaction " << i;
-  }
-  secp256k1_context_destroy(ctx);
-}
-
 // ---- Seeds ---------------------------------------------------------------------------
 
 TEST_F(KeystoreTest, PublishedPhrasesComeBackForEveryVector) {
-  std::ifstream in(KEYSTORE_TESTDATA "/bip39_english_trezor.txt");
-  std::string line;
   int n = 0;
-  while (std::getline(in, line)) {
-    if (line.empty() || line[0] == '#') continue;
-    const std::string entropy = line.substr(0, line.find('|'));
-    const std::string rest = line.substr(line.find('|') + 1);
-    const std::string phrase = rest.substr(0, rest.find('|'));
+  for (const auto& line :
+       tessera::testing::ReadVectorFile(KEYSTORE_TESTDATA "/bip39_english_trezor.txt", '|')) {
+    ASSERT_EQ(line.fields.size(), 3u) << "bad line " << line.number;
+    const std::string& entropy = line.fields[0];
+    const std::string& phrase = line.fields[1];
     ASSERT_EQ(Restore(Unhex(entropy)), TEE_SUCCESS) << entropy;
     std::string got;
     ASSERT_EQ(Mnemonic(&got), TEE_SUCCESS);
@@ -552,25 +299,23 @@ TEST_F(KeystoreTest, PublishedPhrasesComeBackForEveryVector) {
 TEST_F(KeystoreTest, KeysAddressesAndSignaturesMatchTheIndependentVectors) {
   // Made with python3-mnemonic, -bip32utils, -ecdsa and pycryptodome
   // (testdata/make_wallet_vectors.py), BIP-39 seed with the empty passphrase.
-  std::ifstream in(KEYSTORE_TESTDATA "/wallet_vectors.txt");
-  std::string line;
   int wallets = 0, keys = 0, signatures = 0;
-  while (std::getline(in, line)) {
-    std::istringstream f(line);
-    std::string kind;
-    f >> kind;
+  for (const auto& line : tessera::testing::ReadVectorFile(KEYSTORE_TESTDATA "/wallet_vectors.txt")) {
+    const std::vector<std::string>& f = line.fields;
+    const std::string& kind = f[0];
     if (kind == "wallet") {
-      std::string entropy;
-      f >> entropy;
-      ASSERT_EQ(Restore(Unhex(entropy)), TEE_SUCCESS);
+      ASSERT_EQ(f.size(), 2u) << "bad line " << line.number;
+      ASSERT_EQ(Restore(Unhex(f[1])), TEE_SUCCESS);
       ++wallets;
     } else if (kind == "phrase") {
+      std::string expected;
+      for (std::size_t i = 1; i < f.size(); ++i) expected += (i > 1 ? " " : "") + f[i];
       std::string got;
       ASSERT_EQ(Mnemonic(&got), TEE_SUCCESS);
-      EXPECT_EQ(got, line.substr(7));
+      EXPECT_EQ(got, expected);
     } else if (kind == "key") {
-      std::string path, key, address;
-      f >> path >> key >> address;
+      ASSERT_EQ(f.size(), 4u) << "bad line " << line.number;
+      const std::string &path = f[1], &key = f[2], &address = f[3];
       SCOPED_TRACE(path);
       Bytes out;
       ASSERT_EQ(PathData(KEYSTORE_CMD_GET_PRIVATE_KEY, ParsePath(path), &out), TEE_SUCCESS);
@@ -579,8 +324,8 @@ TEST_F(KeystoreTest, KeysAddressesAndSignaturesMatchTheIndependentVectors) {
       EXPECT_EQ(Hex(out), address);
       ++keys;
     } else if (kind == "sign") {
-      std::string path, digest, sig;
-      f >> path >> digest >> sig;
+      ASSERT_EQ(f.size(), 4u) << "bad line " << line.number;
+      const std::string &path = f[1], &digest = f[2], &sig = f[3];
       Bytes out;
       ASSERT_EQ(Sign(ParsePath(path), Unhex(digest), &out), TEE_SUCCESS);
       EXPECT_EQ(Hex(out), sig) << "digest " << digest;

@@ -1,6 +1,7 @@
 /*
- * Holders for secret bytes: wiped on destruction with a wipe the compiler
- * cannot drop (OPENSSL_cleanse), never copied, and compared in constant time.
+ * Holders for secret bytes: wiped on destruction with the project's wipe
+ * (tessera_secure_wipe, which the compiler cannot drop), never copied, and
+ * compared in constant time.
  */
 #ifndef KEYSTORE_SECURE_H
 #define KEYSTORE_SECURE_H
@@ -11,12 +12,9 @@
 #include <cstdint>
 #include <new>
 
-namespace keystore {
+#include "secure_wipe.h"
 
-/* Overwrites n bytes with zeros; never optimised away. */
-inline void Wipe(void* p, std::size_t n) {
-  if (p != nullptr && n != 0) OPENSSL_cleanse(p, n);
-}
+namespace keystore {
 
 /* True when a[0..n) equals b[0..n); the time taken depends only on n. */
 inline bool ConstantTimeEqual(const void* a, const void* b, std::size_t n) {
@@ -28,7 +26,7 @@ template <std::size_t N>
 class Secret {
  public:
   Secret() : bytes_{} {}
-  ~Secret() { Wipe(bytes_, N); }
+  ~Secret() { tessera_secure_wipe(bytes_, N); }
   Secret(const Secret&) = delete;
   Secret& operator=(const Secret&) = delete;
 
@@ -37,7 +35,7 @@ class Secret {
   static constexpr std::size_t size() { return N; }
   unsigned char& operator[](std::size_t i) { return bytes_[i]; }
   unsigned char operator[](std::size_t i) const { return bytes_[i]; }
-  void Clear() { Wipe(bytes_, N); }
+  void Clear() { tessera_secure_wipe(bytes_, N); }
 
  private:
   unsigned char bytes_[N];
@@ -74,7 +72,7 @@ class SecretBuffer {
 
  private:
   void Release() {
-    Wipe(data_, size_);
+    tessera_secure_wipe(data_, size_);
     delete[] data_;
     data_ = nullptr;
     size_ = 0;

@@ -4,6 +4,9 @@
 
 #include "keccak.h"
 
+#include "tessera/testing/hex.h"
+#include "tessera/testing/vector_file.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -19,21 +22,11 @@
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
+using Bytes = tessera::testing::Bytes;
 
-std::string to_hex(const unsigned char* p, std::size_t n) {
-  static const char digits[] = "0123456789abcdef";
-  std::string s;
-  for (std::size_t i = 0; i < n; ++i) {
-    s += digits[p[i] >> 4];
-    s += digits[p[i] & 15];
-  }
-  return s;
-}
+std::string to_hex(const unsigned char* p, std::size_t n) { return tessera::testing::Hex(p, n); }
 
-Bytes from_string(const std::string& s) {
-  return Bytes(s.begin(), s.end());
-}
+Bytes from_string(const std::string& s) { return tessera::testing::BytesOf(s); }
 
 // Feeds data in pieces no longer than one call accepts.
 void update_all(keccak_ctx* ctx, const unsigned char* data, std::size_t size) {
@@ -85,21 +78,15 @@ struct Vector {
 };
 
 std::vector<Vector> load_vectors() {
-  const std::string path = std::string(TESSERA_TESTDATA_DIR) + "/keccak256_vectors.txt";
-  std::ifstream in(path);
-  EXPECT_TRUE(in.is_open()) << "cannot read " << path;
   std::vector<Vector> vectors;
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.empty() || line[0] == '#') {
-      continue;
-    }
-    std::istringstream fields(line);
-    Vector v{};
-    fields >> v.length >> std::hex >> v.seed >> v.digest;
-    EXPECT_FALSE(fields.fail()) << "bad line: " << line;
-    vectors.push_back(v);
+  for (const auto& line : tessera::testing::ReadVectorFile(std::string(TESSERA_TESTDATA_DIR) +
+                                                          "/keccak256_vectors.txt")) {
+    EXPECT_EQ(line.fields.size(), 3u) << "bad line " << line.number;
+    if (line.fields.size() != 3) continue;
+    vectors.push_back(Vector{std::stoul(line.fields[0]), std::stoull(line.fields[1], nullptr, 16),
+                             line.fields[2]});
   }
+  EXPECT_FALSE(vectors.empty());
   return vectors;
 }
 

@@ -42,8 +42,8 @@
 
 #include <cstddef>
 #include <cstdint>
-
-#include "tee_client_api.h"
+#include <type_traits>
+#include <utility>
 
 class CTzfrWsm {
  public:
@@ -54,11 +54,20 @@ class CTzfrWsm {
   static constexpr uint32_t kKindUint = 1;
   static constexpr uint32_t kKindBlob = 2;
 
-  /* Client side: serializes into the buffer of a shared-memory block.
+  /* Client side: serializes into the buffer of a shared-memory block (a
+   * TEEC_SharedMemory of the GP Client API).
    * In: shm, borrowed for the object's lifetime; its `buffer` and `size` are
    *     read once, here. A null `shm` or `buffer`, or a size below the
-   *     header size, gives an object on which every operation fails. */
-  explicit CTzfrWsm(TEEC_SharedMemory* shm);
+   *     header size, gives an object on which every operation fails.
+   * A template over the block's type, read inline at the caller, so the
+   * serializer itself needs no TEE library: the keystore TA links the same
+   * code without the client API. */
+  template <typename SharedMemory,
+            typename = std::enable_if_t<
+                std::is_convertible_v<decltype(std::declval<SharedMemory&>().buffer), void*> &&
+                std::is_convertible_v<decltype(std::declval<SharedMemory&>().size), std::size_t>>>
+  explicit CTzfrWsm(SharedMemory* shm)
+      : CTzfrWsm(shm != nullptr ? shm->buffer : nullptr, shm != nullptr ? shm->size : 0) {}
 
   /* TA side (or any plain memory): serializes into buffer[0, size).
    * In: buffer, borrowed for the object's lifetime; size, its length. */

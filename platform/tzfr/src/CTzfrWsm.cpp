@@ -27,9 +27,6 @@ std::size_t Padded(uint32_t len) { return (static_cast<std::size_t>(len) + 3u) &
 
 }  // namespace
 
-CTzfrWsm::CTzfrWsm(TEEC_SharedMemory* shm)
-    : CTzfrWsm(shm != nullptr ? shm->buffer : nullptr, shm != nullptr ? shm->size : 0) {}
-
 CTzfrWsm::CTzfrWsm(void* buffer, std::size_t size)
     : buf_(static_cast<unsigned char*>(buffer)),
       cap_(0),

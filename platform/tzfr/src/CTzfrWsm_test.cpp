@@ -10,6 +10,14 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
+// A shared-memory descriptor of the GP Client API's shape; the serializer
+// reads only its buffer and size, so it needs no TEE library.
+struct SharedMemoryBlock {
+  void* buffer;
+  std::size_t size;
+  uint32_t flags;
+};
+
 uint32_t Le32(const Bytes& b, std::size_t at) {
   return static_cast<uint32_t>(b[at]) | static_cast<uint32_t>(b[at + 1]) << 8 |
          static_cast<uint32_t>(b[at + 2]) << 16 | static_cast<uint32_t>(b[at + 3]) << 24;
@@ -64,7 +72,7 @@ TEST(CTzfrWsm, RoundTripsValuesAndBlobsInOrder) {
 
 TEST(CTzfrWsm, ConstructsOnSharedMemoryDescriptor) {
   Bytes mem(8192);
-  TEEC_SharedMemory shm{};
+  SharedMemoryBlock shm{};
   shm.buffer = mem.data();
   shm.size = mem.size();
   CTzfrWsm w(&shm);
@@ -78,8 +86,8 @@ TEST(CTzfrWsm, ConstructsOnSharedMemoryDescriptor) {
 }
 
 TEST(CTzfrWsm, UnusableDescriptorFailsEveryOperation) {
-  TEEC_SharedMemory empty{};
-  CTzfrWsm no_descriptor(static_cast<TEEC_SharedMemory*>(nullptr));
+  SharedMemoryBlock empty{};
+  CTzfrWsm no_descriptor(static_cast<SharedMemoryBlock*>(nullptr));
   CTzfrWsm no_buffer(&empty);
   CTzfrWsm null_memory(nullptr, 100);
   for (CTzfrWsm* w : {&no_descriptor, &no_buffer, &null_memory}) {

@@ -14,8 +14,8 @@ Each line is   kind digest r s v address   with the byte strings in hex
   ...            the other kinds are inputs that the recovery treats
                  specially; see cases() below
 
-It also writes restore_address_seeds/: a few of these cases as seed inputs
-of the fuzz target fuzz_restore_address (v, then digest, r and s of 32 bytes
+It also writes ../fuzz/corpus/restore_address/: a few of these cases as seed
+inputs of the fuzz target restore_address_fuzz (v, then digest, r and s of 32 bytes
 each: the 97-byte shape that the target compares with libsecp256k1).
 
 For every line, address is what the recovery algorithm gives: a direct
@@ -254,7 +254,7 @@ def main():
         f.write("# Made by make_recover_vectors.py.\n")
         f.write("# kind digest r s v address   (hex, '-' for empty; v decimal)\n")
         f.writelines(lines)
-    seed_dir = os.path.join(here, "restore_address_seeds")
+    seed_dir = os.path.join(here, "..", "fuzz", "corpus", "restore_address")
     os.makedirs(seed_dir, exist_ok=True)
     for i, (kind, seed) in enumerate(seeds):
         with open(os.path.join(seed_dir, "%02d-%s" % (i, kind)), "wb") as f:
