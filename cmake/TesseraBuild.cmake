@@ -36,6 +36,7 @@ set(TESSERA_FUZZ_SECONDS 15 CACHE STRING "Length of the short fuzz runs in ctest
 
 # Everything ctest needs beyond the product.
 add_custom_target(tests)
+set_property(GLOBAL APPEND PROPERTY TESSERA_TEST_ONLY_TARGETS tests)
 
 # tessera_mark_test_only(<targets...>)
 # Records targets that exist for tests only. The layering check

@@ -16,12 +16,10 @@
 
 #include "Bip39.h"
 #include "CTzfrWsm.h"
-#include "DeploymentCredential.h"
 #include "FakeInternalApi.h"
 #include "KeystoreHarness.h"
 #include "tessera/testing/vector_file.h"
 #include "keystore_ta.h"
-#include "securestorage.h"
 
 
 namespace {
@@ -29,29 +27,6 @@ namespace {
 using namespace keystore_test;
 
 // ---- Creation and the allow-list ------------------------------------------------------
-
-TEST_F(KeystoreTest, InstallationPropertiesListTheConsolesCredential) {
-  std::ifstream in(KEYSTORE_PROPS_FILE);
-  ASSERT_TRUE(in.good()) << KEYSTORE_PROPS_FILE;
-  std::string line, value;
-  while (std::getline(in, line)) {
-    const std::string prefix = std::string(KEYSTORE_PROP_ALLOWED_CREDENTIALS) + " = ";
-    if (line.rfind(prefix, 0) == 0) value = line.substr(prefix.size());
-  }
-  credential console;
-  const uint32_t* w = tessera::kCredentialWords;
-  ASSERT_EQ(ss_init_credential(&console, w[0], w[1], w[2], w[3], w[4], 1, 0), 0);
-  Token token;
-  std::memcpy(token.data(), console.token, 32);
-  EXPECT_EQ(value, TokenHex(token));
-
-  // A TA installed with that file serves the console and nobody else.
-  fake_tee::Reset();
-  fake_tee::SetProperty(KEYSTORE_PROP_ALLOWED_CREDENTIALS, value);
-  Restart();
-  EXPECT_EQ(Restore(kZeroEntropy, token), TEE_SUCCESS);
-  EXPECT_EQ(Restore(kZeroEntropy, kAlice), TEE_ERROR_ACCESS_DENIED);
-}
 
 TEST_F(KeystoreTest, AllowListFormats) {
   struct Case {

@@ -1,21 +1,49 @@
-// The console's compiled-in test vectors against the keystore TA's command
-// handler: every data set and account gives the phrase, key, address and
-// signature the console prints as expected, and the special transactions are
-// all signed by the special seed's account 0 (checked with libsecp256k1,
-// an implementation independent of the TA's signing path). A check across
-// both worlds, so it lives here rather than beside either side.
+// The console's side of the deployment against the keystore TA's command
+// handler: the TA's installation serves exactly the credential the console
+// makes; every data set and account gives the phrase, key, address and
+// signature the console prints as expected; and the special transactions are
+// all signed by the special seed's account 0 (checked with libsecp256k1, an
+// implementation independent of the TA's signing path). Checks across both
+// worlds, so they live here rather than beside either side.
 #include <gtest/gtest.h>
 #include <secp256k1.h>
 #include <secp256k1_recovery.h>
 
+#include <cstring>
+#include <fstream>
 #include <string>
 
+#include "DeploymentCredential.h"
 #include "KeystoreHarness.h"
 #include "TestDataTables.h"
+#include "securestorage.h"
 
 namespace {
 
 using namespace keystore_test;
+
+TEST_F(KeystoreTest, InstallationPropertiesListTheConsolesCredential) {
+  std::ifstream in(KEYSTORE_PROPS_FILE);
+  ASSERT_TRUE(in.good()) << KEYSTORE_PROPS_FILE;
+  std::string line, value;
+  while (std::getline(in, line)) {
+    const std::string prefix = std::string(KEYSTORE_PROP_ALLOWED_CREDENTIALS) + " = ";
+    if (line.rfind(prefix, 0) == 0) value = line.substr(prefix.size());
+  }
+  credential console;
+  const uint32_t* w = tessera::kCredentialWords;
+  ASSERT_EQ(ss_init_credential(&console, w[0], w[1], w[2], w[3], w[4], 1, 0), 0);
+  Token token;
+  std::memcpy(token.data(), console.token, 32);
+  EXPECT_EQ(value, TokenHex(token));
+
+  // A TA installed with that file serves the console and nobody else.
+  fake_tee::Reset();
+  fake_tee::SetProperty(KEYSTORE_PROP_ALLOWED_CREDENTIALS, value);
+  Restart();
+  EXPECT_EQ(Restore(kZeroEntropy, token), TEE_SUCCESS);
+  EXPECT_EQ(Restore(kZeroEntropy, kAlice), TEE_ERROR_ACCESS_DENIED);
+}
 
 TEST_F(KeystoreTest, ConsoleTestDataEveryDataSetAndAccount) {
   namespace v = test::vectors;
