@@ -80,12 +80,21 @@ bool start_daemon(const std::string& socket_path, std::string* why) {
     *why = "none may be started (TEESIM_DAEMON is empty)";
     return false;
   }
+  /* Checked here: through an emulator, a missing daemon would surface only
+   * as the emulator's own complaint. */
+  if (::access(daemon.c_str(), X_OK) != 0) {
+    *why = "cannot run " + daemon + ": " + std::strerror(errno);
+    return false;
+  }
   const std::string ta_dir = teesim::paths::ta_dir();
   const std::string storage = teesim::paths::storage_dir();
   const std::string log_file = teesim::paths::parent_dir(socket_path) + "/teesim.log";
-  std::vector<std::string> args = {daemon,        "--background", "--socket",  socket_path,
-                                   "--ta-dir",    ta_dir,         "--storage-dir", storage,
-                                   "--log-file",  log_file};
+  /* A daemon built for another CPU runs through the emulator. */
+  const std::vector<std::string> emulator = teesim::paths::emulator();
+  std::vector<std::string> args = emulator;
+  args.insert(args.end(), {daemon,     "--background", "--socket",      socket_path,
+                           "--ta-dir", ta_dir,         "--storage-dir", storage,
+                           "--log-file", log_file});
   std::vector<char*> argv;
   for (std::string& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
@@ -114,12 +123,14 @@ bool start_daemon(const std::string& socket_path, std::string* why) {
   posix_spawnattr_setsigdefault(&attr, &defaults);
   posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   pid_t pid = 0;
-  int e = ::posix_spawn(&pid, daemon.c_str(), &actions, &attr, argv.data(), environ);
+  /* (an emulator may be named without its folder; the daemon is a path) */
+  int e = emulator.empty() ? ::posix_spawn(&pid, argv[0], &actions, &attr, argv.data(), environ)
+                           : ::posix_spawnp(&pid, argv[0], &actions, &attr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attr);
   err_write.reset();
   if (e != 0) {
-    *why = "cannot run " + daemon + ": " + std::strerror(e);
+    *why = std::string("cannot run ") + argv[0] + ": " + std::strerror(e);
     return false;
   }
 

@@ -63,6 +63,23 @@ std::string daemon_path() {
   return TEESIM_BUILD_DAEMON;
 }
 
+std::vector<std::string> command_words(const std::string& command) {
+  std::vector<std::string> words;
+  size_t at = 0;
+  while (at < command.size()) {
+    size_t space = command.find(' ', at);
+    if (space == std::string::npos) space = command.size();
+    if (space > at) words.push_back(command.substr(at, space - at));
+    at = space + 1;
+  }
+  return words;
+}
+
+std::vector<std::string> emulator() {
+  const char* s = env("TEESIM_EMULATOR");
+  return s != nullptr ? command_words(s) : std::vector<std::string>();
+}
+
 std::string parent_dir(const std::string& path) {
   size_t slash = path.find_last_of('/');
   if (slash == std::string::npos) return ".";

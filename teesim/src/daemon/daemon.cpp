@@ -520,8 +520,11 @@ Instance* Daemon::spawn(const Uuid& ta) {
   uint32_t instance_no = ++instance_counts_[ta];
   std::string ta_text = uuid_to_string(ta);
   std::string daemon_pid = std::to_string(::getpid());
-  char* argv[] = {const_cast<char*>(settings_.host_path.c_str()), const_cast<char*>(ta_text.c_str()),
-                  const_cast<char*>(daemon_pid.c_str()), nullptr};
+  std::vector<std::string> words = settings_.emulator;
+  words.insert(words.end(), {settings_.host_path, ta_text, daemon_pid});
+  std::vector<char*> argv;
+  for (std::string& w : words) argv.push_back(w.data());
+  argv.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, theirs.get(), 3);
@@ -537,11 +540,12 @@ Instance* Daemon::spawn(const Uuid& ta) {
   posix_spawnattr_setsigdefault(&attr, &defaults);
   posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   pid_t pid = 0;
-  int err = ::posix_spawn(&pid, settings_.host_path.c_str(), &actions, &attr, argv, environ);
+  /* (spawnp: an emulator may be named without its folder) */
+  int err = ::posix_spawnp(&pid, argv[0], &actions, &attr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attr);
   if (err != 0) {
-    TS_LOG_ERROR("cannot start %s: %s", settings_.host_path.c_str(), std::strerror(err));
+    TS_LOG_ERROR("cannot start %s: %s", argv[0], std::strerror(err));
     return nullptr;
   }
   theirs.reset();

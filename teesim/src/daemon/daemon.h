@@ -7,6 +7,7 @@
 #define TEESIM_DAEMON_DAEMON_H
 
 #include <string>
+#include <vector>
 
 #include "common/log.h"
 #include "common/secret.h"
@@ -18,6 +19,7 @@ struct Settings {
   std::string ta_dir;       /* absolute */
   std::string storage_dir;  /* absolute */
   std::string host_path;    /* the teesim-tahost executable */
+  std::vector<std::string> emulator; /* runs host_path when not empty (another CPU's build) */
   log::Level log_level = log::Level::Info;
   bool syslog = false;
   bool deterministic_random = false;

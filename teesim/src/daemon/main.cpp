@@ -213,6 +213,7 @@ Failure prepare(const Options& o, Settings* settings, UniqueFd* listener, Unique
   if (::access(settings->host_path.c_str(), X_OK) != 0)
     return fail(kExitUsage, "cannot run " + settings->host_path + " (" + errno_text(errno) +
                                 "); it belongs beside the teesim executable");
+  settings->emulator = o.emulator;
 
   f = take_lock(*socket_path + ".lock", "another teesim already serves " + *socket_path,
                 kExitAlreadyRunning, &locks[0]);

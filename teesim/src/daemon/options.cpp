@@ -11,7 +11,7 @@ namespace teesim::daemon {
 
 namespace {
 
-enum LongOnly { kLogFile = 256, kRandomSeed, kWipeStorage, kVersion };
+enum LongOnly { kLogFile = 256, kRandomSeed, kWipeStorage, kVersion, kEmulator };
 
 const option kOptions[] = {
     {"socket", required_argument, nullptr, 's'},
@@ -23,6 +23,7 @@ const option kOptions[] = {
     {"log-file", required_argument, nullptr, kLogFile},
     {"random-seed", required_argument, nullptr, kRandomSeed},
     {"wipe-storage", required_argument, nullptr, kWipeStorage},
+    {"emulator", required_argument, nullptr, kEmulator},
     {"help", no_argument, nullptr, 'h'},
     {"version", no_argument, nullptr, kVersion},
     {nullptr, 0, nullptr, 0},
@@ -56,6 +57,10 @@ std::string usage(const char* program) {
          "                           are then predictable\n"
          "      --wipe-storage UUID  delete the persistent objects of TA UUID before serving\n"
          "                           (repeatable; \"all\" for every TA)\n"
+         "      --emulator CMD       start each TA host as CMD followed by its command line,\n"
+         "                           for hosts built for another CPU (CMD is split at spaces,\n"
+         "                           e.g. \"qemu-aarch64-static\"; default: $TEESIM_EMULATOR,\n"
+         "                           else none)\n"
          "  -h, --help               show this text\n"
          "      --version            show the version\n"
          "\n"
@@ -66,6 +71,7 @@ std::string usage(const char* program) {
 bool parse_options(int argc, char** argv, Options* out, std::string* error) {
   Options o;
   std::string level_text;
+  bool emulator_given = false;
   ::optind = 1;
   ::opterr = 0;
   int c;
@@ -100,6 +106,10 @@ bool parse_options(int argc, char** argv, Options* out, std::string* error) {
         }
         break;
       }
+      case kEmulator:
+        emulator_given = true;
+        o.emulator = paths::command_words(::optarg);
+        break;
       case 'h': o.help = true; break;
       case kVersion: o.version = true; break;
       case ':':
@@ -117,6 +127,7 @@ bool parse_options(int argc, char** argv, Options* out, std::string* error) {
   if (o.socket_path.empty()) o.socket_path = paths::socket_path();
   if (o.ta_dir.empty()) o.ta_dir = paths::ta_dir();
   if (o.storage_dir.empty()) o.storage_dir = paths::storage_dir();
+  if (!emulator_given) o.emulator = paths::emulator();
   *out = std::move(o);
   return true;
 }

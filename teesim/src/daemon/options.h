@@ -25,6 +25,7 @@ struct Options {
   bool has_random_seed = false;
   std::string random_seed;
   std::vector<std::string> wipe; /* TA UUIDs (canonical text) or "all" */
+  std::vector<std::string> emulator; /* runs the TA hosts (empty: they run directly) */
   bool help = false;
   bool version = false;
 };

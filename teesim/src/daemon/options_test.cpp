@@ -57,6 +57,25 @@ TEST(DaemonOptions, DefaultsComeFromTheEnvironment) {
   ::unsetenv("TEESIM_STORAGE_DIR");
 }
 
+TEST(DaemonOptions, TheTaHostsEmulatorComesFromTheOptionElseTheEnvironment) {
+  const char* outer = ::getenv("TEESIM_EMULATOR"); /* set when this test itself is emulated */
+  const std::string saved = outer != nullptr ? outer : "";
+  using Words = std::vector<std::string>;
+  Options o;
+  std::string err;
+  ::setenv("TEESIM_EMULATOR", "qemu-arm-static -L /sysroot", 1);
+  ASSERT_TRUE(parse({}, &o, &err)) << err;
+  EXPECT_EQ(o.emulator, (Words{"qemu-arm-static", "-L", "/sysroot"}));
+  ASSERT_TRUE(parse({"--emulator", " /usr/bin/qemu-aarch64-static  -d  x "}, &o, &err)) << err;
+  EXPECT_EQ(o.emulator, (Words{"/usr/bin/qemu-aarch64-static", "-d", "x"}));
+  ASSERT_TRUE(parse({"--emulator", ""}, &o, &err)) << err;
+  EXPECT_EQ(o.emulator, Words{}) << "an empty --emulator runs the hosts directly";
+  ::unsetenv("TEESIM_EMULATOR");
+  ASSERT_TRUE(parse({}, &o, &err)) << err;
+  EXPECT_EQ(o.emulator, Words{});
+  if (outer != nullptr) ::setenv("TEESIM_EMULATOR", saved.c_str(), 1);
+}
+
 TEST(DaemonOptions, MistakesAreExplained) {
   Options o;
   std::string err;

@@ -157,13 +157,15 @@ bool alive(pid_t pid) {
 
 /* Daemons whose command line names this socket. */
 int daemons_serving(const std::string& socket) {
+  std::string command;
+  for (const std::string& word : daemon_command()) command += (command.empty() ? "" : " ") + word;
   int n = 0;
   DIR* d = ::opendir("/proc");
   while (dirent* e = ::readdir(d)) {
     if (e->d_name[0] < '0' || e->d_name[0] > '9') continue;
     std::string cmd = read_text(std::string("/proc/") + e->d_name + "/cmdline");
     for (char& ch : cmd) ch = ch == '\0' ? ' ' : ch;
-    if (cmd.rfind(daemon_executable() + " ", 0) == 0 && cmd.find(socket) != std::string::npos &&
+    if (cmd.rfind(command + " ", 0) == 0 && cmd.find(socket) != std::string::npos &&
         alive(static_cast<pid_t>(std::atoi(e->d_name))))
       ++n;
   }
@@ -208,6 +210,27 @@ TEST_F(AutoStart, TheFirstClientStartsTheDaemonWhichOutlivesIt) {
   EXPECT_EQ(pid_in_lock(d_.socket()), pid) << "a second daemon was started";
   EXPECT_NE(read_text(d_.dir() + "/run/teesim.log").find("serving " + d_.socket()), std::string::npos)
       << "the started daemon logs beside its socket";
+}
+
+TEST_F(AutoStart, TheDaemonAndItsTaHostsRunThroughTheEmulator) {
+  const std::string record = d_.dir() + "/emulated";
+  const char* outer = ::getenv("TEESIM_EMULATOR");
+  const std::string saved = outer != nullptr ? outer : "";
+  ::setenv("TEESIM_EMULATOR", recording_emulator(d_.dir(), record).c_str(), 1);
+  {
+    Client c;
+    EXPECT_RESULT(c.init_result(), TEEC_SUCCESS);
+    EXPECT_RESULT(c.open(kTestTa), TEEC_SUCCESS);
+  }
+  if (outer != nullptr)
+    ::setenv("TEESIM_EMULATOR", saved.c_str(), 1);
+  else
+    ::unsetenv("TEESIM_EMULATOR");
+  const std::string text = read_text(record);
+  EXPECT_NE(text.find(daemon_executable() + " --background --socket " + d_.socket()), std::string::npos)
+      << text;
+  EXPECT_NE(text.find("/teesim-tahost 7e57a000-5e55-4d0e-9a11-000000000001 "), std::string::npos)
+      << "the daemon passes the emulator on to its TA hosts: " << text;
 }
 
 TEST_F(AutoStart, ConcurrentFirstClientsStartOneDaemon) {

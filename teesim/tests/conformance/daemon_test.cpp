@@ -28,8 +28,24 @@ TEST(DaemonCommand, HelpDescribesEveryOption) {
   std::string out;
   EXPECT_EQ(d.run_command({"--help"}, &out), 0);
   for (const char* opt : {"--socket", "--ta-dir", "--storage-dir", "--foreground", "--background",
-                          "--log-level", "--random-seed", "--wipe-storage", "TEESIM_SOCKET"})
+                          "--log-level", "--random-seed", "--wipe-storage", "--emulator",
+                          "TEESIM_SOCKET", "TEESIM_EMULATOR"})
     EXPECT_NE(out.find(opt), std::string::npos) << opt;
+}
+
+TEST(DaemonCommand, TheEmulatorOptionRunsEachTaHostThroughIt) {
+  TestDaemon d;
+  const std::string record = d.dir() + "/emulated";
+  ASSERT_TRUE(d.start({"--emulator", recording_emulator(d.dir(), record)})) << d.log_text();
+  use_daemon(d);
+  Client c;
+  ASSERT_RESULT(c.init_result(), TEEC_SUCCESS);
+  ASSERT_RESULT(c.open(kTestTa), TEEC_SUCCESS);
+  const std::string text = read_text(record);
+  EXPECT_NE(text.find("/teesim-tahost 7e57a000-5e55-4d0e-9a11-000000000001 " +
+                      std::to_string(d.pid()) + "\n"),
+            std::string::npos)
+      << text;
 }
 
 TEST(DaemonCommand, BadOptionsAreExplained) {

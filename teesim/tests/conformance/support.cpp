@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +18,8 @@
 #include <fstream>
 #include <sstream>
 #include <thread>
+
+#include "teesim/paths.h"
 
 namespace conformance {
 
@@ -68,6 +71,12 @@ std::string outcome(uint32_t result, uint32_t origin) {
 }
 
 std::string daemon_executable() { return TEESIM_DAEMON_PATH; }
+
+std::vector<std::string> daemon_command() {
+  std::vector<std::string> words = teesim::paths::emulator();
+  words.push_back(daemon_executable());
+  return words;
+}
 std::string built_ta_dir() { return TEESIM_BUILT_TA_DIR; }
 
 std::string read_text(const std::string& path) {
@@ -124,8 +133,8 @@ static bool socket_answers(const std::string& path) {
 }
 
 bool TestDaemon::start(const std::vector<std::string>& extra) {
-  std::vector<std::string> args = {daemon_executable(), "--foreground", "--log-level", "debug",
-                                   "--log-file", log_};
+  std::vector<std::string> args = daemon_command();
+  args.insert(args.end(), {"--foreground", "--log-level", "debug", "--log-file", log_});
   for (const std::string& a : folder_args()) args.push_back(a);
   for (const std::string& a : extra) args.push_back(a);
   pid_t pid = ::fork();
@@ -137,7 +146,7 @@ bool TestDaemon::start(const std::vector<std::string>& extra) {
     if (err >= 0) ::dup2(err, 2);
     /* A test process that is killed must not leave its daemon behind. */
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-    ::execv(argv[0], argv.data());
+    ::execvp(argv[0], argv.data());
     ::_exit(127);
   }
   pid_ = pid;
@@ -175,7 +184,7 @@ void TestDaemon::kill9() {
 
 int TestDaemon::run_command(const std::vector<std::string>& args, std::string* err) const {
   std::string errfile = dir_ + "/command.err";
-  std::vector<std::string> full = {daemon_executable()};
+  std::vector<std::string> full = daemon_command();
   full.insert(full.end(), args.begin(), args.end());
   pid_t pid = ::fork();
   if (pid == 0) {
@@ -185,7 +194,7 @@ int TestDaemon::run_command(const std::vector<std::string>& args, std::string* e
     int fd = ::open(errfile.c_str(), O_WRONLY | O_TRUNC | O_CREAT, 0600);
     ::dup2(fd, 2);
     ::dup2(fd, 1);
-    ::execv(argv[0], argv.data());
+    ::execvp(argv[0], argv.data());
     ::_exit(127);
   }
   int status = 0;
@@ -195,6 +204,18 @@ int TestDaemon::run_command(const std::vector<std::string>& args, std::string* e
 }
 
 std::string TestDaemon::log_text() const { return read_text(log_); }
+
+std::string recording_emulator(const std::string& dir, const std::string& record) {
+  std::string script = dir + "/recording-emulator";
+  {
+    std::ofstream out(script);
+    out << "#!/bin/sh\necho \"$*\" >> '" << record << "'\nexec \"$@\"\n";
+  }
+  ::chmod(script.c_str(), 0700);
+  std::string command = script;
+  for (const std::string& word : teesim::paths::emulator()) command += " " + word;
+  return command;
+}
 
 std::string use_daemon(const TestDaemon& d) {
   ::setenv("TEESIM_SOCKET", d.socket().c_str(), 1);

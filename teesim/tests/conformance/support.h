@@ -94,6 +94,9 @@ std::string use_daemon(const TestDaemon& d);
 /* Path of the built teesim executable and TA folder. */
 std::string daemon_executable();
 std::string built_ta_dir();
+/* What runs the daemon: the executable, after the emulator's words
+ * (TEESIM_EMULATOR) when the build is for another CPU. */
+std::vector<std::string> daemon_command();
 
 /* The test TA variants. */
 inline const TEEC_UUID kTestTa = TEST_TA_UUID;
@@ -135,6 +138,11 @@ class WithDaemon : public ::testing::Test {
   TestDaemon& daemon() { return shared_daemon(); }
   std::string client_log_;
 };
+
+/* Writes into `dir` a stand-in emulator that appends each command line it
+ * is given to `record` and runs it (through this build's own emulator, if
+ * any). Returns the command that runs it, for --emulator or TEESIM_EMULATOR. */
+std::string recording_emulator(const std::string& dir, const std::string& record);
 
 /* The whole text of a file ("" when missing). */
 std::string read_text(const std::string& path);

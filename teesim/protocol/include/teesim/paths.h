@@ -7,6 +7,7 @@
 #define TEESIM_PATHS_H
 
 #include <string>
+#include <vector>
 
 namespace teesim::paths {
 
@@ -25,6 +26,16 @@ std::string ta_dir();
 /* TEESIM_DAEMON; otherwise the teesim executable of the build that made this
  * code. An empty TEESIM_DAEMON means: never start a daemon. */
 std::string daemon_path();
+
+/* The words of a command line written as one string, split at spaces (no
+ * quoting). */
+std::vector<std::string> command_words(const std::string& command);
+
+/* TEESIM_EMULATOR split at spaces: the command that runs teesim's own
+ * programs when they were built for another CPU than this machine's (for
+ * instance "qemu-aarch64-static"); empty when unset or blank. libteec starts
+ * the daemon through it, and the daemon its TA hosts. */
+std::vector<std::string> emulator();
 
 /* The folder part of a path ("/a/b/c" -> "/a/b", "c" -> "."). */
 std::string parent_dir(const std::string& path);
