@@ -34,6 +34,17 @@ endif()
 # scripts/run-fuzzer.sh with a longer time.
 set(TESSERA_FUZZ_SECONDS 15 CACHE STRING "Length of the short fuzz runs in ctest")
 
+# A cross build's programs run under CMAKE_CROSSCOMPILING_EMULATOR (qemu-user,
+# see cmake/toolchains): ctest puts it before every test program by itself,
+# and TESSERA_EMULATOR, the same command as one string, goes to the tests
+# that start the build's programs themselves (TEESIM_EMULATOR for C++ tests,
+# --emulator for the Python harnesses).
+if(CMAKE_CROSSCOMPILING_EMULATOR)
+  list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " TESSERA_EMULATOR)
+else()
+  set(TESSERA_EMULATOR "")
+endif()
+
 # Everything ctest needs beyond the product.
 add_custom_target(tests)
 set_property(GLOBAL APPEND PROPERTY TESSERA_TEST_ONLY_TARGETS tests)
@@ -88,6 +99,13 @@ function(tessera_add_gtest name)
     "if(${name}_TESTS)\n"
     "  set_tests_properties(\${${name}_TESTS} PROPERTIES LABELS \"unit;${ARG_LABELS}\")\n"
     "endif()\n")
+  if(TESSERA_EMULATOR)
+    file(APPEND "${labels_file}"
+      "if(${name}_TESTS)\n"
+      "  set_tests_properties(\${${name}_TESTS} PROPERTIES\n"
+      "    ENVIRONMENT \"TEESIM_EMULATOR=${TESSERA_EMULATOR}\")\n"
+      "endif()\n")
+  endif()
   set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${labels_file}")
 endfunction()
 

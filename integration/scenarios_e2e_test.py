@@ -15,7 +15,8 @@ own crypto. Elapsed times vary: only they are matched by pattern.
 
 Usage:
   scenarios_e2e_test.py --binary PATH --teesim PATH --ta-dir DIR --generator PATH
-                        [--default-menu FILE] [--valgrind PATH] [unittest args...]
+                        [--default-menu FILE] [--valgrind PATH] [--emulator CMD]
+                        [unittest args...]
   scenarios_e2e_test.py --list        print the test classes, one per line
 """
 
@@ -524,7 +525,8 @@ class StartsByItselfAndKeepsStorage(unittest.TestCase):
         self.env = {"TEESIM_SOCKET": self.socket, "TEESIM_DAEMON": os.path.abspath(ARGS.teesim),
                     "TEESIM_TA_DIR": os.path.abspath(ARGS.ta_dir),
                     "TEESIM_STORAGE_DIR": os.path.join(self.folder, "storage"),
-                    "DLOG_FILE": os.path.join(self.folder, "client.log")}
+                    "DLOG_FILE": os.path.join(self.folder, "client.log"),
+                    **console_harness.emulator_environment()}
 
     def tearDown(self):
         try:
@@ -579,6 +581,8 @@ class Valgrind(ScenarioTestCase):
     def test_full_pass_over_the_default_menu(self):
         if not ARGS.valgrind:
             self.skipTest("no --valgrind given")
+        if ARGS.emulator:
+            self.skipTest("valgrind cannot run a program built for another CPU")
         log = os.path.join(self.daemon.folder, "valgrind.log")
         console = console_harness.Console(
             ARGS.valgrind, env=self.daemon.client_environment(), timeout=240.0,
@@ -627,6 +631,7 @@ def main():
     parser.add_argument("--generator")
     parser.add_argument("--default-menu")
     parser.add_argument("--valgrind")
+    parser.add_argument("--emulator")  # what runs the build's programs (another CPU's)
     parser.add_argument("--list", action="store_true")
     ARGS, rest = parser.parse_known_args()
     if ARGS.list:
@@ -642,6 +647,7 @@ def main():
     if not ARGS.default_menu:
         ARGS.default_menu = os.path.join(os.path.dirname(os.path.abspath(__file__)),
                                          "..", "..", "..", "data", "menu.json")
+    console_harness.set_emulator(ARGS.emulator)
     GEN = load_generator(ARGS.generator)
     VECTORS = GEN.derive()
     program = unittest.main(argv=[sys.argv[0]] + rest, exit=False, verbosity=2)

@@ -23,6 +23,11 @@ Every run has a timeout. The console never returns at end of input, so
 scripted input must end with a choice that leaves; `start` gives a running
 process for the tests that watch it wait.
 
+A cross build's programs run under an emulator (qemu-user): after
+`set_emulator("qemu-aarch64-static")` every program the harness starts (the
+console, a teesim daemon) runs through it, and `emulator_environment()` gives
+the variable that makes libteec and the daemon start theirs through it too.
+
 For runs against the simulated secure world, `TeesimDaemon` starts a private
 teesim daemon (its own socket, storage and log in a fresh temporary folder)
 and gives the environment that points the console's libteec at it:
@@ -61,6 +66,24 @@ mount --bind "$folder" "%(menu_dir)s"
 eval "$prelude"
 exec "$@"
 """ % {"menu_dir": MENU_DIR}
+
+
+# The emulator's command words; empty for a build that runs natively.
+_emulator = []
+
+
+def set_emulator(command):
+    """Runs every program of the build under test through `command` (the
+    emulator of a cross build, split at spaces); None or "" runs them
+    directly."""
+    global _emulator
+    _emulator = (command or "").split()
+
+
+def emulator_environment():
+    """The variable (TEESIM_EMULATOR) that makes libteec start the daemon,
+    and the daemon its TA hosts, through the emulator; empty without one."""
+    return {"TEESIM_EMULATOR": " ".join(_emulator)} if _emulator else {}
 
 
 class HarnessError(Exception):
@@ -155,6 +178,9 @@ class Console:
         self.prelude = prelude
         self.timeout = timeout
 
+    def _command(self):
+        return _emulator + [self.binary] + self.args
+
     def _environment(self, extra):
         env = dict(os.environ)
         for key, value in {**self.env, **(extra or {})}.items():
@@ -172,7 +198,7 @@ class Console:
         killing the console, when it does not end in time.
         """
         with MenuFolder(menu_text, menu_file) as folder:
-            argv = namespace_argv(folder.path, [self.binary] + self.args, self.prelude)
+            argv = namespace_argv(folder.path, self._command(), self.prelude)
             done = subprocess.run(argv, input=stdin.encode("utf-8"), stdout=subprocess.PIPE,
                                   stderr=subprocess.PIPE, env=self._environment(env),
                                   timeout=timeout or self.timeout, check=False)
@@ -184,7 +210,7 @@ class Console:
         that kills it and cleans up on exit)."""
         folder = MenuFolder(menu_text, menu_file).__enter__()
         try:
-            argv = namespace_argv(folder.path, [self.binary] + self.args, self.prelude)
+            argv = namespace_argv(folder.path, self._command(), self.prelude)
             process = subprocess.Popen(argv, stdin=stdin, stdout=subprocess.PIPE,
                                        stderr=subprocess.PIPE, env=self._environment(env))
         except BaseException:
@@ -325,7 +351,8 @@ def stop_serving_daemon(path, timeout=5.0):
     pid = serving_pid(path)
     with open("/proc/%d/cmdline" % pid, "rb") as f:
         argv = [a.decode("utf-8", "replace") for a in f.read().split(b"\0") if a]
-    if not argv or os.path.basename(argv[0]) != "teesim" or path not in argv:
+    program = argv[len(_emulator):] if argv[:len(_emulator)] == _emulator else argv
+    if not program or os.path.basename(program[0]) != "teesim" or path not in program:
         raise HarnessError("%s is served by pid %d (%s), not by a teesim of this test"
                            % (path, pid, " ".join(argv)))
     os.kill(pid, signal.SIGTERM)
@@ -370,8 +397,11 @@ class TeesimDaemon:
         Raises HarnessError, with the daemon's log, when it does not."""
         if self.process is not None:
             return
-        argv = [self.daemon, "--foreground", "--socket", self.socket, "--ta-dir", self.ta_dir,
-                "--storage-dir", self.storage, "--log-file", self.log] + self.extra_args
+        argv = _emulator + [self.daemon, "--foreground", "--socket", self.socket,
+                            "--ta-dir", self.ta_dir, "--storage-dir", self.storage,
+                            "--log-file", self.log] + self.extra_args
+        if _emulator:
+            argv += ["--emulator", " ".join(_emulator)]
         self.process = subprocess.Popen(argv, stdin=subprocess.DEVNULL,
                                         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         deadline = time.monotonic() + timeout

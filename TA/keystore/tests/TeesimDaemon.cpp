@@ -18,6 +18,8 @@
 #include <thread>
 #include <vector>
 
+#include "teesim/paths.h"
+
 extern char** environ;
 
 namespace keystore_test {
@@ -77,15 +79,16 @@ bool TeesimDaemon::Start() {
   }
   if (pid_ > 0) return true;
   setenv("TEESIM_SOCKET", socket_.c_str(), 1);
-  const std::vector<std::string> argv = {daemon_,    "--foreground", "--socket", socket_,
-                                         "--ta-dir", ta_dir_,        "--storage-dir", storage_,
-                                         "--log-file", log_};
+  // A daemon built for another CPU runs through the emulator.
+  std::vector<std::string> argv = teesim::paths::emulator();
+  argv.insert(argv.end(), {daemon_, "--foreground", "--socket", socket_, "--ta-dir", ta_dir_,
+                           "--storage-dir", storage_, "--log-file", log_});
   std::vector<char*> args;
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
-  const int rc = posix_spawn(&pid_, daemon_.c_str(), nullptr, nullptr, args.data(), environ);
+  const int rc = posix_spawnp(&pid_, args[0], nullptr, nullptr, args.data(), environ);
   if (rc != 0) {
-    error_ = "cannot start " + daemon_ + ": " + std::strerror(rc);
+    error_ = std::string("cannot start ") + args[0] + ": " + std::strerror(rc);
     pid_ = -1;
     return false;
   }

@@ -4,7 +4,7 @@ the fixed menu path (through console_harness), standard output and exit
 status compared exactly.
 
 Usage:
-  console_e2e_test.py --binary PATH [--default-menu FILE] [unittest args...]
+  console_e2e_test.py --binary PATH [--default-menu FILE] [--emulator CMD] [unittest args...]
   console_e2e_test.py --list        print the test ids, one per line
 """
 
@@ -425,7 +425,7 @@ SKIPPED = 77
 NOBODY = "65534"
 
 
-def run_as_nobody(binary, default_menu):
+def run_as_nobody(binary, default_menu, emulator):
     """Runs the whole suite again as an unprivileged user, so the harness's
     `unshare --map-root-user` road is exercised too. Returns the suite's
     status, or SKIPPED when this process is not root or the machine does not
@@ -444,7 +444,7 @@ def run_as_nobody(binary, default_menu):
         return SKIPPED
     env = dict(os.environ, HOME="/tmp", TMPDIR="/tmp")
     return subprocess.run(drop + [sys.executable, script, "--binary", binary,
-                                  "--default-menu", default_menu],
+                                  "--default-menu", default_menu, "--emulator", emulator or ""],
                           env=env, check=False).returncode
 
 
@@ -455,6 +455,7 @@ def main():
     parser.add_argument("--default-menu")
     parser.add_argument("--list", action="store_true")
     parser.add_argument("--as-nobody", action="store_true")
+    parser.add_argument("--emulator")  # what runs the binary when it was built for another CPU
     args, rest = parser.parse_known_args()
     if args.list:
         suite = unittest.defaultTestLoader.loadTestsFromModule(sys.modules[__name__])
@@ -465,10 +466,11 @@ def main():
     if not args.binary:
         parser.error("--binary is required")
     BINARY = args.binary
+    console_harness.set_emulator(args.emulator)
     DEFAULT_MENU = args.default_menu or os.path.join(
         os.path.dirname(os.path.abspath(__file__)), "..", "..", "..", "data", "menu.json")
     if args.as_nobody:
-        return run_as_nobody(os.path.abspath(BINARY), os.path.abspath(DEFAULT_MENU))
+        return run_as_nobody(os.path.abspath(BINARY), os.path.abspath(DEFAULT_MENU), args.emulator)
     program = unittest.main(argv=[sys.argv[0]] + rest, exit=False, verbosity=2)
     return 0 if program.result.wasSuccessful() else 1
 

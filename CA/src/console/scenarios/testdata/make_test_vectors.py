@@ -19,8 +19,11 @@ Usage:
   make_test_vectors.py cpp [OUT]   write the C++ tables (default:
                                    ../generated/TestDataTables.cpp)
   make_test_vectors.py dump        print the canonical listing of every value
-  make_test_vectors.py check PROG  run PROG, which prints the compiled tables in the
-                            same listing, and compare; exit 1 on a difference
+  make_test_vectors.py check PROG [ARG...]
+                                   run PROG, which prints the compiled tables in the
+                            same listing, and compare; exit 1 on a difference (an
+                            emulator's command may come first: PROG is then the
+                            emulator, and the program one of its arguments)
 """
 
 import hashlib
@@ -346,9 +349,9 @@ def cpp(vectors):
     return "\n".join(out) + "\n"
 
 
-def check(program):
+def check(command):
     expected = listing(derive())
-    actual = subprocess.run([program], check=True, stdout=subprocess.PIPE,
+    actual = subprocess.run(command, check=True, stdout=subprocess.PIPE,
                             encoding="utf-8").stdout
     if actual == expected:
         print(f"{len(expected.splitlines())} values agree with the generator")
@@ -372,8 +375,8 @@ def main(argv):
     if len(argv) == 2 and argv[1] == "dump":
         sys.stdout.write(listing(derive()))
         return 0
-    if len(argv) == 3 and argv[1] == "check":
-        return check(argv[2])
+    if len(argv) >= 3 and argv[1] == "check":
+        return check(argv[2:])
     sys.stderr.write(__doc__)
     return 2
 

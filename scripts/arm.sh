@@ -1,0 +1,36 @@
+#!/bin/sh
+# Builds for ARM and runs the tests under qemu-user emulation (no ARM machine
+# and no binfmt registration needed). Installs what is missing first.
+#   scripts/arm.sh arm64|armhf         the host world for that width: every
+#                                      target, the whole test suite
+#   scripts/arm.sh arm64|armhf --e2e   only what the end-to-end keystore and
+#                                      scenario tests need, and those tests
+#                                      (ctest -L integration)
+set -eu
+cd "$(dirname "$0")/.."
+usage() { echo "usage: $0 arm64|armhf [--e2e]" >&2; exit 2; }
+[ $# -ge 1 ] || usage
+width=$1
+only_e2e=""
+case "${2:-}" in
+  "") ;;
+  --e2e) only_e2e=yes ;;
+  *) usage ;;
+esac
+
+case "$width" in
+  arm64|armhf)
+    # (test: the host's Python packages that the end-to-end tests check with)
+    scripts/install-deps.sh test "$width"
+    cmake --preset "$width" >/dev/null
+    if [ -n "$only_e2e" ]; then
+      cmake --build --preset "$width" --target tessera teesim teesim_tahost keystore_ta \
+        keystore_console_test keystore_e2e_test keystore_restart_test
+      ctest --preset "$width" -L integration
+    else
+      cmake --build --preset "$width" --target all tests
+      ctest --preset "$width"
+    fi
+    ;;
+  *) usage ;;
+esac
