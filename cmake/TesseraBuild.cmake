@@ -133,6 +133,27 @@ function(tessera_add_fuzzer name)
   set_tests_properties(fuzz.${name} PROPERTIES LABELS "fuzz" TIMEOUT 300)
 endfunction()
 
+# tessera_product_programs(<out-var> <dir>)
+# Lists the product's executables defined in <dir> and below (test-only ones
+# left out), for checks that every program must pass.
+function(tessera_product_programs out dir)
+  get_property(test_only GLOBAL PROPERTY TESSERA_TEST_ONLY_TARGETS)
+  get_property(targets DIRECTORY ${dir} PROPERTY BUILDSYSTEM_TARGETS)
+  set(found "")
+  foreach(t IN LISTS targets)
+    get_target_property(type ${t} TYPE)
+    if(type STREQUAL "EXECUTABLE" AND NOT t IN_LIST test_only)
+      list(APPEND found ${t})
+    endif()
+  endforeach()
+  get_property(subdirs DIRECTORY ${dir} PROPERTY SUBDIRECTORIES)
+  foreach(sub IN LISTS subdirs)
+    tessera_product_programs(below ${sub})
+    list(APPEND found ${below})
+  endforeach()
+  set(${out} ${found} PARENT_SCOPE)
+endfunction()
+
 # tessera_write_layer_map()
 # Called once at the end of the top-level CMakeLists: writes the list of
 # test-only targets for the layering check, and asks CMake's file API for the

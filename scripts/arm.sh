@@ -6,9 +6,15 @@
 #   scripts/arm.sh arm64|armhf --e2e   only what the end-to-end keystore and
 #                                      scenario tests need, and those tests
 #                                      (ctest -L integration)
+#   scripts/arm.sh device              the device world for arm64: the platform
+#                                      stand-ins installed as a stand-in sysroot
+#                                      (build/device-platform) and Debian's
+#                                      packaged libteec; builds everything and
+#                                      runs what needs no device (the console's
+#                                      unit tests on doubles, the link check)
 set -eu
 cd "$(dirname "$0")/.."
-usage() { echo "usage: $0 arm64|armhf [--e2e]" >&2; exit 2; }
+usage() { echo "usage: $0 arm64|armhf [--e2e] | device" >&2; exit 2; }
 [ $# -ge 1 ] || usage
 width=$1
 only_e2e=""
@@ -31,6 +37,21 @@ case "$width" in
       cmake --build --preset "$width" --target all tests
       ctest --preset "$width"
     fi
+    ;;
+  device)
+    [ -z "$only_e2e" ] || usage
+    scripts/install-deps.sh test device
+    root=$(pwd)
+    # The stand-in sysroot: the platform stand-ins under the device
+    # libraries' names, built with the device build's toolchain.
+    cmake -S platform/device-stubs -B build/device-stubs -G Ninja \
+      --toolchain "$root/cmake/toolchains/aarch64-linux-gnu.cmake" \
+      -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX="$root/build/device-platform" >/dev/null
+    cmake --build build/device-stubs
+    cmake --install build/device-stubs >/dev/null
+    cmake --preset device >/dev/null
+    cmake --build --preset device --target all tests
+    ctest --preset device
     ;;
   *) usage ;;
 esac

@@ -45,10 +45,13 @@ IDENTITY_TOOL = "keystore_make_props"
 def area_of(rel):
     """The area of a path relative to the source (or build) tree:
     'platform/<leaf>' for the platform stand-ins, else the first component;
-    None outside the project."""
+    None outside the project. Other build trees under the source tree's
+    build/ (a stand-in sysroot made for the device build) are outside it."""
     if rel is None or rel.startswith("..") or os.path.isabs(rel):
         return None
     parts = rel.replace(os.sep, "/").split("/")
+    if parts[0] == "build":
+        return None
     if parts[0] == "platform" and len(parts) > 1:
         return "platform/" + parts[1]
     return parts[0] if parts[0] not in ("", ".") else "."
@@ -236,6 +239,10 @@ class SelfTest(unittest.TestCase):
                                    test_only=["fake"]))
         self.assertEqual(self.check({"t_test": ("CA", ["fake"], []), "fake": ("CA", [], [])},
                                     test_only=["fake", "t_test"]), [])
+
+    def test_other_build_trees_are_outside_the_project(self):
+        self.assertIsNone(area_of("build/device-platform/include"))
+        self.assertEqual(area_of("platform/tzfr/include"), "platform/tzfr")
 
     def test_ta_never_links_the_client(self):
         self.assertTrue(self.check({"ta": ("TA", ["teec"], []), "teec": ("teesim", [], [])}))

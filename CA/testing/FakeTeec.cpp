@@ -34,8 +34,9 @@ State& S() {
   return *state;
 }
 
-// Tags the structures so that a stale or foreign one is recognised.
-int context_tag, session_tag, memory_tag;
+// Contexts, sessions and shared memory are known by their addresses alone:
+// the structures' implementation-defined members differ from one GP Client
+// library's header to another's, and the double compiles against any.
 
 bool TakeFailure(Fn fn, TEEC_Result* result, uint32_t* origin) {
   for (auto it = S().failures.begin(); it != S().failures.end(); ++it) {
@@ -80,7 +81,6 @@ void Reset() {
     auto* shm = const_cast<TEEC_SharedMemory*>(m.first);
     std::free(shm->buffer);
     shm->buffer = nullptr;
-    shm->imp = nullptr;
   }
   s = State{};
 }
@@ -136,7 +136,6 @@ TEEC_Result TEEC_InitializeContext(const char* name, TEEC_Context* context) {
   if (S().contexts.count(context) != 0) {
     fake_teec::Misused(Fn::kInitializeContext, "context initialised twice");
   }
-  context->imp = &fake_teec::context_tag;
   S().contexts.insert(context);
   return TEEC_SUCCESS;
 }
@@ -154,7 +153,6 @@ void TEEC_FinalizeContext(TEEC_Context* context) {
   for (const auto& m : S().memory) {
     if (m.second == context) fake_teec::Misused(Fn::kFinalizeContext, "memory is still allocated");
   }
-  context->imp = nullptr;
 }
 
 TEEC_Result TEEC_OpenSession(TEEC_Context* context, TEEC_Session* session,
@@ -176,7 +174,6 @@ TEEC_Result TEEC_OpenSession(TEEC_Context* context, TEEC_Session* session,
     return TEEC_ERROR_BAD_PARAMETERS;
   }
   if (S().sessions.count(session) != 0) fake_teec::Misused(Fn::kOpenSession, "session opened twice");
-  session->imp = &fake_teec::session_tag;
   S().sessions[session] = context;
   fake_teec::SetOrigin(returnOrigin, TEEC_ORIGIN_TRUSTED_APP);
   return TEEC_SUCCESS;
@@ -189,7 +186,6 @@ void TEEC_CloseSession(TEEC_Session* session) {
     fake_teec::Misused(Fn::kCloseSession, "session not open");
     return;
   }
-  session->imp = nullptr;
 }
 
 TEEC_Result TEEC_AllocateSharedMemory(TEEC_Context* context, TEEC_SharedMemory* sharedMem) {
@@ -218,7 +214,6 @@ TEEC_Result TEEC_AllocateSharedMemory(TEEC_Context* context, TEEC_SharedMemory* 
   sharedMem->buffer = std::malloc(sharedMem->size == 0 ? 1 : sharedMem->size);
   if (sharedMem->buffer == nullptr) return TEEC_ERROR_OUT_OF_MEMORY;
   std::memset(sharedMem->buffer, 0xCD, sharedMem->size);
-  sharedMem->imp = &fake_teec::memory_tag;
   S().memory[sharedMem] = context;
   return TEEC_SUCCESS;
 }
@@ -238,7 +233,6 @@ void TEEC_ReleaseSharedMemory(TEEC_SharedMemory* sharedMem) {
   }
   std::free(sharedMem->buffer);
   sharedMem->buffer = nullptr;
-  sharedMem->imp = nullptr;
 }
 
 TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t commandID,
