@@ -14,6 +14,12 @@ target_compile_options(tessera_warnings INTERFACE
   -Wall -Wextra -Wshadow -Wformat=2 -Wundef
   $<$<BOOL:${TESSERA_WERROR}>:-Werror>)
 
+# File sizes, offsets and inode numbers are 64-bit on 32-bit targets too
+# (armhf): without it readdir() and stat() fail with EOVERFLOW on entries
+# whose inode number or directory offset needs more than 32 bits, and a loop
+# over readdir() silently ends early. (A no-op on 64-bit targets.)
+add_compile_definitions(_FILE_OFFSET_BITS=64)
+
 if(TESSERA_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined
                       -fno-omit-frame-pointer)

@@ -22,8 +22,9 @@ void StoreLe32(unsigned char* p, uint32_t v) {
   p[3] = static_cast<unsigned char>(v >> 24);
 }
 
-// Payload length rounded up to the 4-byte grid, without overflow.
-std::size_t Padded(uint32_t len) { return (static_cast<std::size_t>(len) + 3u) & ~std::size_t{3}; }
+// Payload length rounded up to the 4-byte grid, in 64 bits: a length near
+// 2^32 would wrap around to 0 in a 32-bit size_t.
+uint64_t Padded(uint32_t len) { return (uint64_t{len} + 3u) & ~uint64_t{3}; }
 
 }  // namespace
 
@@ -49,15 +50,15 @@ void CTzfrWsm::WriteHeader() {
 
 bool CTzfrWsm::Append(uint32_t kind, const void* payload, uint32_t len) {
   if (cap_ == 0 || state_ != State::kWriting) return false;
-  const std::size_t need = kFieldHeaderSize + Padded(len);
-  if (need > cap_ - end_) return false;  // end_ <= cap_ always holds
+  const uint64_t need = kFieldHeaderSize + Padded(len);
+  if (need > cap_ - end_) return false;  // end_ <= cap_ always holds; need now fits a size_t
 
   unsigned char* field = buf_ + end_;
   StoreLe32(field, kind);
   StoreLe32(field + 4, len);
   if (len != 0) std::memmove(field + kFieldHeaderSize, payload, len);
-  std::memset(field + kFieldHeaderSize + len, 0, Padded(len) - len);
-  end_ += need;
+  std::memset(field + kFieldHeaderSize + len, 0, static_cast<std::size_t>(Padded(len) - len));
+  end_ += static_cast<std::size_t>(need);
   cursor_ = end_;
   WriteHeader();
   return true;
@@ -114,7 +115,7 @@ bool CTzfrWsm::GetUint(unsigned* value) {
 const void* CTzfrWsm::GetBlob(unsigned len) {
   std::size_t at = 0;
   if (!PeekField(kKindBlob, static_cast<uint32_t>(len), &at)) return nullptr;
-  cursor_ = at + Padded(static_cast<uint32_t>(len));
+  cursor_ = at + static_cast<std::size_t>(Padded(static_cast<uint32_t>(len)));  // checked to fit
   return buf_ + at;
 }
 

@@ -54,7 +54,10 @@ ssize_t recv_frame(int fd, uint8_t* buf, size_t cap, FdList* fds, bool nonblocki
   msghdr msg{};
   msg.msg_iov = &iov;
   msg.msg_iovlen = 1;
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * wire::kMaxFds)];
+  /* Room for one descriptor more than a frame may carry, so an excess one is
+   * counted below on every width: with 32-bit alignment CMSG_SPACE leaves no
+   * spare room, and only MSG_CTRUNC would tell (which qemu-user loses). */
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * (wire::kMaxFds + 1))];
   msg.msg_control = control;
   msg.msg_controllen = sizeof control;
   int flags = MSG_CMSG_CLOEXEC | (nonblocking ? MSG_DONTWAIT : 0);

@@ -37,6 +37,14 @@ std::vector<std::string> entries(const std::string& dir) {
   return out;
 }
 
+TEST(Fs, OffsetsAndInodeNumbersAre64BitOnEveryWidth) {
+  /* With 32-bit ones (32-bit ARM without large-file support) readdir()
+   * fails with EOVERFLOW on an entry whose inode number or directory offset
+   * needs more, which ends a listing early as if the folder were empty. */
+  EXPECT_EQ(sizeof(off_t), 8u);
+  EXPECT_EQ(sizeof(ino_t), 8u);
+}
+
 TEST(Fs, AtomicWriteReplacesWholeFileAndLeavesNoTemporary) {
   TempDir t;
   const uint8_t a[] = {1, 2, 3}, b[] = {9, 8, 7, 6, 5};
