@@ -1,9 +1,12 @@
 #!/bin/sh
 # Installs what is missing, builds, and runs every test: the optimised build,
-# then the ASan+UBSan build with short fuzz runs.
+# then the ASan+UBSan build with short fuzz runs; then, for ARM, the arm64
+# build's end-to-end keystore and scenario tests under qemu-user and the
+# device build (arm64) against stand-in platform libraries and Debian's
+# packaged libteec. The full ARM suites: scripts/arm.sh arm64|armhf.
 set -eu
 cd "$(dirname "$0")"
-scripts/install-deps.sh test
+scripts/install-deps.sh test arm64 device
 for preset in default asan; do
   echo "==> $preset build"
   cmake --preset "$preset" >/dev/null
@@ -11,3 +14,7 @@ for preset in default asan; do
   echo "==> $preset tests"
   ctest --preset "$preset"
 done
+echo "==> arm64 build and end-to-end tests under emulation"
+scripts/arm.sh arm64 --e2e
+echo "==> device build (arm64)"
+scripts/arm.sh device
