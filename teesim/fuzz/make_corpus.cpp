@@ -60,7 +60,7 @@ int main(int argc, char** argv) {
   put("hello", w::Hello{1234}, 0);
   put("hello_reply", w::HelloReply{1, w::kMaxShmSize}, 0);
   w::OpenSession os;
-  os.login = 2;
+  os.login = w::Login::Group;
   os.has_group = true;
   os.params = req;
   put("open_session", os, 1);
