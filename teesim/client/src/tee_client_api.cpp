@@ -31,7 +31,7 @@
 #include <vector>
 
 #include "daemon_link.h"
-#include "dlog.h"
+#include "client_log.h"
 #include "teesim/channel.h"
 #include "teesim/paths.h"
 #include "teesim/uuid.h"
@@ -139,7 +139,7 @@ void log_error(const char* fmt, ...) {
   va_start(ap, fmt);
   std::vsnprintf(msg, sizeof msg, fmt, ap);
   va_end(ap);
-  __dlog_print(LOG_ID_SYSTEM, DLOG_ERROR, "TEEC", "%s", msg);
+  log::write(log::Level::Error, "%s", msg);
 }
 
 void log_warn(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
@@ -149,7 +149,7 @@ void log_warn(const char* fmt, ...) {
   va_start(ap, fmt);
   std::vsnprintf(msg, sizeof msg, fmt, ap);
   va_end(ap);
-  __dlog_print(LOG_ID_SYSTEM, DLOG_WARN, "TEEC", "%s", msg);
+  log::write(log::Level::Warn, "%s", msg);
 }
 
 /* ---- parameters ------------------------------------------------------------ */
