@@ -30,8 +30,9 @@
 #include <unordered_set>
 #include <vector>
 
-#include "daemon_link.h"
 #include "client_log.h"
+#include "daemon_link.h"
+#include "secure_wipe.h"
 #include "teesim/channel.h"
 #include "teesim/paths.h"
 #include "teesim/uuid.h"
@@ -379,7 +380,7 @@ void break_session(Session* s) {
 
 /* Frames carry copies of memref bytes: they are wiped once used. */
 void wipe(std::vector<uint8_t>& buf, size_t used) {
-  if (used > 0) ::explicit_bzero(buf.data(), std::min(used, buf.size()));
+  tessera_secure_wipe(buf.data(), std::min(used, buf.size()));
 }
 
 /* Sends one frame and waits for the one answer of the expected type. The
