@@ -1,6 +1,7 @@
-/* Writes the seed corpus of wire_fuzz: one valid frame of each message
- * shape, prefixed with the descriptor count it expects. Run by hand when the
- * format changes: make_corpus <dir>. */
+/* Writes the seed corpus of teesim_wire_fuzz: one valid frame of each
+ * message shape, prefixed with the descriptor count it expects. Run when the
+ * format changes: `cmake --build <build> --target teesim_wire_corpus`
+ * rewrites fuzz/corpus/ (or run teesim_wire_make_corpus <dir> by hand). */
 #include <cstdio>
 #include <string>
 #include <vector>
