@@ -1,3 +1,4 @@
+/* libteec's way to the daemon: find its socket, start it when none serves, greet it. */
 #include "daemon_link.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+/* Whole frames with their descriptors over Unix sockets; see teesim/channel.h. */
 #include "teesim/channel.h"
 
 #include <poll.h>

@@ -1,3 +1,4 @@
+/* The one encoder and parser of the wire format documented in teesim/wire.h. */
 #include "teesim/wire.h"
 
 #include <cstring>

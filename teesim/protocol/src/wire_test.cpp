@@ -1,3 +1,4 @@
+/* Round trips of every message and refusals of every malformed frame. */
 #include "teesim/wire.h"
 
 #include <gtest/gtest.h>

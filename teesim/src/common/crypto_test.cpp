@@ -1,3 +1,4 @@
+/* The crypto primitives against published vectors. */
 #include "common/crypto.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+/* Atomic writes, private folders and the other file-system helpers. */
 #include "common/fs.h"
 
 #include <dirent.h>

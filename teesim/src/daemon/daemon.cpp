@@ -1,3 +1,4 @@
+/* The daemon's event loop: clients, TA instances and the sessions between them. */
 #include "daemon/daemon.h"
 
 #include <fcntl.h>

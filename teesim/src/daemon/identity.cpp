@@ -1,3 +1,4 @@
+/* Client identities by login method, from the socket peer's credentials. */
 #include "daemon/identity.h"
 
 #include <openssl/evp.h>

@@ -1,3 +1,4 @@
+/* Client identities for each login method, and the refusals. */
 #include "daemon/identity.h"
 
 #include <sys/socket.h>

@@ -1,3 +1,4 @@
+/* The installation key: made once, private, refused when others may read it. */
 #include "daemon/keys.h"
 
 #include <stdlib.h>

@@ -1,3 +1,6 @@
+/* The object store: objects load back, ids and data never show on disk, any
+ * tampering reads as corrupt, and an independent reader (object_file_check.py)
+ * decodes the file format. */
 #include "runtime/object_store.h"
 
 #include <gtest/gtest.h>

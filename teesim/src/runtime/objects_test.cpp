@@ -1,3 +1,4 @@
+/* The persistent-object functions of the Internal API: handles, sharing, data streams. */
 #include <gtest/gtest.h>
 
 #include <cstring>

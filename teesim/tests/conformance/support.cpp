@@ -1,3 +1,4 @@
+/* Support of the conformance suite; see support.h. */
 #include "support.h"
 
 #include <chrono>

@@ -1,6 +1,7 @@
 /*
  * The teesim wire format: every frame exchanged between libteec, the teesim
- * daemon and TA instance processes, with its one encoder and one parser.
+ * daemon and TA instance processes, with its one encoder and one parser
+ * (fuzzed by fuzz/teesim_wire_fuzz.cpp).
  *
  * Transport. Links to and from the daemon are AF_UNIX SOCK_SEQPACKET
  * sockets: one recvmsg gives exactly one frame. Session channels (client to
