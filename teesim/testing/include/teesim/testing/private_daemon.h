@@ -72,7 +72,8 @@ class PrivateDaemon {
    *            <extra_args...>
    * and waits until the socket accepts a connection. The wait is bounded by
    * a generous deadline (60 s) that only a broken daemon reaches.
-   * Returns true once the daemon serves. Returns false, with Error() set,
+   * Returns true once the daemon serves; its start-up lines may reach the
+   * log a moment later. Returns false, with Error() set,
    * when it is already running, cannot be run, exits during start-up or does
    * not serve before the deadline (it is then killed). */
   [[nodiscard]] bool Start(const std::vector<std::string>& extra_args = {});
