@@ -1,3 +1,4 @@
+/* The daemon's command line and its --help text. */
 #include "daemon/options.h"
 
 #include <getopt.h>

@@ -30,7 +30,7 @@ struct Options {
 };
 
 /* Parses argv (argv[0] is the program). Unset folders take the defaults of
- * teesim/paths.h (environment, then built-in).
+ * teesim/paths.h (environment, then per-user or built-in defaults).
  * Returns true and fills `out`, or false with a one-line reason in `error`. */
 [[nodiscard]] bool parse_options(int argc, char** argv, Options* out, std::string* error);
 

@@ -1,3 +1,4 @@
+/* The daemon's options, their defaults and the explanations of mistakes. */
 #include "daemon/options.h"
 
 #include <stdlib.h>

@@ -1,3 +1,4 @@
+/* libteec's way to the daemon: find its socket, start it when none serves, greet it. */
 #include "daemon_link.h"
 
 #include <fcntl.h>
@@ -15,7 +16,7 @@
 #include <cstring>
 #include <vector>
 
-#include "dlog.h"
+#include "client_log.h"
 #include "teesim/channel.h"
 #include "teesim/paths.h"
 #include "teesim/wire.h"
@@ -154,9 +155,8 @@ bool start_daemon(const std::string& socket_path, std::string* why) {
   if (WIFEXITED(status) &&
       (WEXITSTATUS(status) == 0 || WEXITSTATUS(status) == kDaemonAlreadyRunning)) {
     if (WEXITSTATUS(status) == 0)
-      __dlog_print(LOG_ID_SYSTEM, DLOG_INFO, "TEEC",
-                   "started the TEE daemon %s for %s; its log is %s", daemon.c_str(),
-                   socket_path.c_str(), log_file.c_str());
+      log::write(log::Level::Info, "started the TEE daemon %s for %s; its log is %s", daemon.c_str(),
+                 socket_path.c_str(), log_file.c_str());
     return true;
   }
   said = trim(said);
