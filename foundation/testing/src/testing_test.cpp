@@ -44,9 +44,11 @@ TEST(TestingVectorFile, SkipsCommentsAndSplitsFields) {
   ASSERT_EQ(piped.size(), 2u);
   EXPECT_EQ(piped[1].fields, (std::vector<std::string>{"key a", "b", "", "c"}));
   EXPECT_EQ(ReadTextFile(path), text);
+  EXPECT_EQ(ReadTextFileOrEmpty(path), text);
   std::remove(path);
   EXPECT_THROW(ReadVectorFile(path), std::runtime_error);
   EXPECT_THROW(ReadTextFile(path), std::runtime_error);
+  EXPECT_EQ(ReadTextFileOrEmpty(path), "");
 }
 
 }  // namespace

@@ -37,4 +37,11 @@ std::string ReadTextFile(const std::string& path) {
   return text.str();
 }
 
+std::string ReadTextFileOrEmpty(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  if (in.is_open()) text << in.rdbuf();
+  return text.str();
+}
+
 }  // namespace tessera::testing
