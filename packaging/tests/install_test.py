@@ -279,18 +279,47 @@ def first_diff(expected, got):
 
 
 def daemon_pids(root_path):
-    """Process ids and users of the teesim daemons running in the namespace."""
+    """Process ids and users of the teesim daemons running in the namespace
+    (its own /proc is the one mounted in the root)."""
     found = []
-    for pid in os.listdir("/proc"):
+    proc = root_path + "/proc"
+    for pid in os.listdir(proc):
         if not pid.isdigit():
             continue
         try:
-            exe = os.readlink("/proc/%s/exe" % pid)
-            uid = os.stat("/proc/%s" % pid).st_uid
+            exe = os.readlink("%s/%s/exe" % (proc, pid))
+            uid = os.stat("%s/%s" % (proc, pid)).st_uid
         except OSError:
             continue
         if exe in (root_path + "/usr/sbin/teesim", "/usr/sbin/teesim"):
             found.append((int(pid), uid))
+    return found
+
+
+def reap():
+    """This script is the namespace's first process, so daemons that detached
+    become its children: collect those that ended."""
+    while True:
+        try:
+            pid, _ = os.waitpid(-1, os.WNOHANG)
+        except ChildProcessError:
+            return
+        if pid == 0:
+            return
+
+
+def processes(root_path):
+    """Every process of the namespace: pid, uid and command line."""
+    found = []
+    proc = root_path + "/proc"
+    for pid in os.listdir(proc):
+        if pid.isdigit():
+            try:
+                with open("%s/%s/cmdline" % (proc, pid), "rb") as f:
+                    cmdline = f.read().replace(b"\0", b" ").decode(errors="replace")
+                found.append((int(pid), os.stat("%s/%s" % (proc, pid)).st_uid, cmdline))
+            except OSError:
+                pass
     return found
 
 
@@ -301,6 +330,7 @@ def stop_pid(pid, timeout=15):
         return True
     deadline = time.time() + timeout
     while time.time() < deadline:
+        reap()
         try:
             os.kill(pid, 0)
         except ProcessLookupError:
@@ -319,12 +349,30 @@ def unit_exec_start(unit_text):
 
 
 def uid_of(root, user):
-    with open(root.host("/etc/passwd")) as f:
+    return _id_of(root.host("/etc/passwd"), user)
+
+
+def gid_of(root, group):
+    return _id_of(root.host("/etc/group"), group)
+
+
+def _id_of(database, name):
+    with open(database) as f:
         for line in f:
             fields = line.split(":")
-            if fields[0] == user:
+            if fields[0] == name:
                 return int(fields[2])
     return None
+
+
+def logs(root, *paths):
+    """The tail of each log that exists, for a failure's detail."""
+    text = ""
+    for p in paths:
+        if os.path.exists(root.host(p)):
+            with open(root.host(p), errors="replace") as f:
+                text += "--- %s\n%s\n" % (p, f.read()[-2000:])
+    return text
 
 
 def inside(args):
@@ -378,13 +426,13 @@ def inside(args):
     running = daemon_pids(root.path)
     cmdline = ""
     if running:
-        with open("/proc/%d/cmdline" % running[0][0], "rb") as f:
+        with open(root.host("/proc/%d/cmdline" % running[0][0]), "rb") as f:
             cmdline = f.read().replace(b"\0", b" ").decode()
     checks.check("the first keystore call started the installed daemon as root",
                  len(running) == 1 and running[0][1] == 0 and "--socket " + SOCKET in cmdline
                  and "--ta-dir /usr/lib/teesim/ta" in cmdline, "%s %s" % (running, cmdline))
     for pid, _ in running:
-        stop_pid(pid)
+        checks.check("the daemon stops on SIGTERM", stop_pid(pid), str(processes(root.path)))
 
     service_mode(root, checks)
 
@@ -410,6 +458,7 @@ def inside(args):
         root.run(["userdel", "-r", user], 30)
     r = root.run(["apt-get", "purge", "-y", "-q", "--autoremove"] + PACKAGES, timeout=600)
     checks.check("apt purges the packages", r.returncode == 0, (r.stdout + r.stderr)[-3000:])
+    reap()
     left = daemon_pids(root.path)
     checks.check("purging stopped the daemon", not left, str(left))
     after = file_list(root.path)
@@ -464,20 +513,25 @@ def service_mode(root, checks):
     finally:
         notify.close()
     checks.check("the unit's command, run as teesim, notifies READY=1 once serving",
-                 b"READY=1" in said and daemon.poll() is None, said.decode(errors="replace"))
+                 b"READY=1" in said and daemon.poll() is None,
+                 "%s\n%s\n%s" % (said.decode(errors="replace"),
+                                 "" if daemon.poll() is None else daemon.stdout.read().decode(),
+                                 processes(root.path)))
     st = os.stat(root.host(SOCKET)) if os.path.exists(root.host(SOCKET)) else None
+    teesim_gid = gid_of(root, "teesim")
     checks.check("its socket is mode 0660, group teesim",
-                 st is not None and (st.st_mode & 0o777) == 0o660 and st.st_gid == teesim_uid
+                 st is not None and (st.st_mode & 0o777) == 0o660 and st.st_gid == teesim_gid
                  and st.st_uid == teesim_uid, str(st))
 
     root.run(["useradd", "-m", "-G", "teesim", "alice"], 30)
     root.run(["useradd", "-m", "bob"], 30)
     pin_check = "\n".join(["1", "9", "99", "99"]) + "\n"
-    r = root.run(["tessera"], 120, stdin_text=pin_check, user="alice")
+    r = root.run(["tessera"], 120, stdin_text=pin_check, user="alice",
+                 env={"DLOG_FILE": "/tmp/alice.log"})
     checks.check("a member of the group teesim reaches the service's keystore",
                  "pin: [123456] is CORRECT" in r.stdout
                  and not os.path.exists(root.host("/home/alice/.local/share/teesim")),
-                 r.stdout[-2000:] + r.stderr)
+                 r.stdout[-300:] + r.stderr + logs(root, "/tmp/alice.log", "/run/teesim/teesim.log"))
     r = root.run(["tessera"], 120, stdin_text=pin_check, user="bob")
     bobs = [pid for pid, uid in daemon_pids(root.path) if uid == uid_of(root, "bob")]
     checks.check("a non-member gets a daemon and storage of their own",
@@ -486,12 +540,10 @@ def service_mode(root, checks):
                  r.stdout[-2000:] + r.stderr)
     for pid in bobs:
         stop_pid(pid)
-    r = root.run(["tessera"], 120, stdin_text=pin_check)
+    r = root.run(["tessera"], 120, stdin_text=pin_check, env={"DLOG_FILE": "/tmp/root.log"})
     checks.check("root reaches the service's socket too", "pin: [123456] is CORRECT" in r.stdout,
-                 r.stdout[-2000:] + r.stderr)
+                 r.stdout[-300:] + r.stderr + logs(root, "/tmp/root.log", "/run/teesim/teesim.log"))
     # The service keeps running: purging must stop it.
-    if daemon.poll() is not None:
-        say(daemon.stdout.read().decode(errors="replace"))
 
 
 def report(checks):
