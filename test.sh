@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs what is missing, builds, and runs every test: the optimised build,
-# then the ASan+UBSan build with short fuzz runs.
+# then the ASan+UBSan build with short fuzz runs, then the Debian packages
+# built and installed into a fresh Debian root (packaging/tests/install_test.py).
 set -eu
 cd "$(dirname "$0")"
 scripts/install-deps.sh test
@@ -11,3 +12,5 @@ for preset in default asan; do
   echo "==> $preset tests"
   ctest --preset "$preset"
 done
+echo "==> Debian packages"
+packaging/tests/install_test.py

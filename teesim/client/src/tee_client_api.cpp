@@ -433,9 +433,14 @@ TEEC_EXPORT TEEC_Result TEEC_InitializeContext(const char* name, TEEC_Context* c
     return TEEC_ERROR_ITEM_NOT_FOUND;
   }
   auto* ctx = new Context;
-  ctx->socket = socket;
   std::string why;
-  TEEC_Result r = connect_daemon(socket, /*may_start=*/true, &ctx->fd, &why);
+  TEEC_Result r = TEEC_SUCCESS;
+  if (name == nullptr && connect_service(&ctx->fd, &socket)) {
+    ctx->socket = socket;
+  } else {
+    ctx->socket = socket;
+    r = connect_daemon(socket, /*may_start=*/true, &ctx->fd, &why);
+  }
   if (r != TEEC_SUCCESS) {
     log_error("TEEC_InitializeContext: %s", why.c_str());
     delete ctx;

@@ -17,6 +17,7 @@ inline constexpr int kExitAlreadyRunning = 3; /* another teesim serves the socke
 
 struct Options {
   std::string socket_path;
+  std::string socket_group;      /* empty: socket mode 0600; else mode 0660 and this group */
   std::string ta_dir;
   std::string storage_dir;
   bool foreground = false;
