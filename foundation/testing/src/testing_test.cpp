@@ -1,3 +1,4 @@
+// Tests of the shared test support: hex text and vector files.
 #include <gtest/gtest.h>
 #include <unistd.h>
 

@@ -1,3 +1,4 @@
+// Reading vector files for tests.
 #include "tessera/testing/vector_file.h"
 
 #include <fstream>

@@ -1,3 +1,5 @@
+// Tests of the test data: bounds of the indices and the values each choice
+// gives.
 #include "TestData.h"
 
 #include "ConsoleTestSupport.h"
