@@ -14,7 +14,13 @@ cmake --build --preset default
 menu=/opt/data/tessera/menu.json
 if [ ! -e "$menu" ]; then
   as_root=""
-  [ "$(id -u)" -eq 0 ] || as_root="sudo"
+  if [ "$(id -u)" -ne 0 ]; then
+    if ! command -v sudo >/dev/null 2>&1; then
+      echo "The console's menu $menu is missing; install it as root with: install -D -m 0644 $(pwd)/CA/data/menu.json $menu" >&2
+      exit 1
+    fi
+    as_root="sudo"
+  fi
   $as_root install -D -m 0644 CA/data/menu.json "$menu"
   echo "Installed the default menu at $menu"
 fi

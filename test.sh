@@ -1,9 +1,11 @@
 #!/bin/sh
 # Installs what is missing, builds, and runs every test: the optimised build,
-# then the ASan+UBSan build with short fuzz runs; then, for ARM, the arm64
-# build's end-to-end keystore and scenario tests under qemu-user and the
-# device build (arm64) against stand-in platform libraries and Debian's
-# packaged libteec. The full ARM suites: scripts/arm.sh arm64|armhf.
+# then the ASan+UBSan build with short fuzz runs, then the Debian packages
+# built and installed into a fresh Debian root (packaging/tests/install_test.py);
+# then, for ARM, the arm64 build's end-to-end keystore and scenario tests
+# under qemu-user and the device build (arm64) against stand-in platform
+# libraries and Debian's packaged libteec. The full ARM suites:
+# scripts/arm.sh arm64|armhf.
 set -eu
 cd "$(dirname "$0")"
 scripts/install-deps.sh test arm64 device
@@ -14,6 +16,8 @@ for preset in default asan; do
   echo "==> $preset tests"
   ctest --preset "$preset"
 done
+echo "==> Debian packages"
+packaging/tests/install_test.py
 echo "==> arm64 build and end-to-end tests under emulation"
 scripts/arm.sh arm64 --e2e
 echo "==> device build (arm64)"

@@ -1,6 +1,7 @@
 // Costs of the console's own work around a keystore call: the timing
 // brackets (which sit inside the measured interval), moving through and
 // drawing the menu, and formatting a signature for display.
+#include "ConsoleTestSupport.h"
 #include "HexUtils.h"
 #include "Menu.h"
 #include "TimeTracker.h"
@@ -44,8 +45,7 @@ void BM_TimeTrackerStartStop(benchmark::State& state) {
     tracker.stopMeasuring();
     benchmark::DoNotOptimize(tracker.getElapsedTime());
   }
-  tracker.reset();
-  tracker.setMode(0);
+  test::testing::resetConsoleState();
 }
 BENCHMARK(BM_TimeTrackerStartStop);
 

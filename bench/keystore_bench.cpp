@@ -47,7 +47,7 @@
 #include "Keys.h"
 #include "PocInterface.h"
 #include "TEEClient.h"
-#include "TeesimDaemon.h"
+#include "teesim/testing/private_daemon.h"
 #include "Wallet.h"
 #include "securestorage.h"
 #include "tee_client_api.h"
@@ -98,13 +98,18 @@ std::string StorageParent() {
 
 // Made before the first keystore call, so it is stopped after the
 // connection singleton has closed its session at exit.
-keystore_test::TeesimDaemon& Daemon() {
-  static keystore_test::TeesimDaemon daemon(TEESIM_DAEMON_PATH, TEESIM_TA_DIR, StorageParent());
+teesim::testing::PrivateDaemon& Daemon() {
+  static teesim::testing::PrivateDaemon daemon([] {
+    teesim::testing::PrivateDaemon::Options options;
+    options.parent = StorageParent();
+    return options;
+  }());
   static const bool started = [] {
     if (!daemon.Start()) {
-      std::fprintf(stderr, "%s\n", daemon.error().c_str());
+      std::fprintf(stderr, "%s\n", daemon.Error().c_str());
       std::exit(1);
     }
+    daemon.UseFromThisProcess();
     return true;
   }();
   (void)started;
@@ -142,7 +147,7 @@ void Prepare() {
   unsigned n = 0;
   if (poc_restore_seed(Cred(), kHi, kLo, kSeedA, 16) != 0 || poc_save_pin(Cred(), kHi, kLo, kPin, 6) != 0 ||
       poc_getAddress(Cred(), kHi, kLo, kPath, &out, &n) != 0) {
-    std::fprintf(stderr, "cannot prepare the wallet; see %s\n", Daemon().log_path().c_str());
+    std::fprintf(stderr, "cannot prepare the wallet; see %s\n", Daemon().LogPath().c_str());
     std::exit(1);
   }
   std::free(out);
@@ -185,7 +190,7 @@ void BM_Pbkdf2(benchmark::State& state) {
 
 // The file-system work of one object change in the storage folder.
 void BM_DurableWrite(benchmark::State& state) {
-  const std::string dir = Daemon().folder() + "/bench-writes";
+  const std::string dir = Daemon().Folder() + "/bench-writes";
   mkdir(dir.c_str(), 0700);
   const int dfd = open(dir.c_str(), O_RDONLY | O_DIRECTORY);
   const unsigned char bytes[160] = {};
@@ -464,7 +469,7 @@ void PrintTable() {
   std::printf("\nMedians in microseconds. Round-trip floor %.1f, bare sign %.1f, PBKDF2 %.1f;\n"
               "teesim object write %.1f and delete %.1f (bare durable file replacement %.1f),\n"
               "storage under %s\n",
-              floor, m("bare sign"), m("PBKDF2"), write, del, m("write"), Daemon().folder().c_str());
+              floor, m("bare sign"), m("PBKDF2"), write, del, m("write"), Daemon().Folder().c_str());
   std::printf("%-20s %9s  %-32s %9s %6s %5s  %9s %6s\n", "call", "median", "reference", "ref", "ratio",
               "goal", "ref+store", "ratio");
   for (const Row& r : rows) {

@@ -15,27 +15,21 @@
 //
 // Nothing is pinned: the scheduler places both processes as it would in use.
 // Times are wall-clock (UseRealTime): the caller waits for another process.
-// The program starts its own daemon in private folders.
+// The program starts its own daemon in private folders (teesim_testing).
 
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <map>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tee_client_api.h"
+#include "teesim/testing/private_daemon.h"
 #include "teesim_test_ta.h"
 
 namespace {
@@ -44,54 +38,6 @@ constexpr size_t kRequestBytes = 44;
 constexpr size_t kReplyBytes = 32;
 const TEEC_UUID kTestTa = TEST_TA_UUID;
 const TEEC_UUID kKeepAliveTa = TEST_TA_KEEP_ALIVE_UUID;
-
-// --- a private daemon ------------------------------------------------------------
-
-class Daemon {
- public:
-  bool start() {
-    char tmpl[] = "/tmp/teesim-bench-XXXXXX";
-    if (::mkdtemp(tmpl) == nullptr) return false;
-    dir_ = tmpl;
-    socket_ = dir_ + "/teesim.sock";
-    std::vector<std::string> args = {TEESIM_DAEMON_PATH, "--foreground", "--log-level", "warn",
-                                     "--socket", socket_, "--ta-dir", TEESIM_BUILT_TA_DIR,
-                                     "--storage-dir", dir_ + "/storage", "--log-file", dir_ + "/teesim.log"};
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      std::vector<char*> argv;
-      for (std::string& a : args) argv.push_back(a.data());
-      argv.push_back(nullptr);
-      ::prctl(PR_SET_PDEATHSIG, SIGTERM); /* never outlive the benchmark */
-      ::execv(argv[0], argv.data());
-      ::_exit(127);
-    }
-    ::setenv("TEESIM_SOCKET", socket_.c_str(), 1);
-    ::setenv("TEESIM_DAEMON", "", 1);
-    for (int i = 0; i < 1000; ++i) {
-      TEEC_Context ctx;
-      if (TEEC_InitializeContext(nullptr, &ctx) == TEEC_SUCCESS) {
-        TEEC_FinalizeContext(&ctx);
-        return true;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-  }
-  ~Daemon() {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGTERM);
-      ::waitpid(pid_, nullptr, 0);
-    }
-    if (!dir_.empty()) std::system(("rm -rf '" + dir_ + "'").c_str());
-  }
-
- private:
-  std::string dir_, socket_;
-  pid_t pid_ = -1;
-};
-
-Daemon* g_daemon = nullptr;
 
 // --- the bare round trip -------------------------------------------------------------
 
@@ -290,12 +236,12 @@ class RatioReporter : public benchmark::ConsoleReporter {
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  Daemon daemon;
-  if (!daemon.start()) {
-    std::fprintf(stderr, "the teesim daemon did not start\n");
+  teesim::testing::PrivateDaemon daemon;
+  if (!daemon.Start({"--log-level", "warn"})) {
+    std::fprintf(stderr, "the teesim daemon did not start: %s\n", daemon.Error().c_str());
     return 1;
   }
-  g_daemon = &daemon;
+  daemon.UseFromThisProcess();
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   reporter.PrintRatios();

@@ -16,7 +16,7 @@
 #include "DeploymentCredential.h"
 #include "PocInterface.h"
 #include "TEEClient.h"
-#include "TeesimDaemon.h"
+#include "teesim/testing/private_daemon.h"
 #include "keystore_ta.h"
 #include "securestorage.h"
 
@@ -29,32 +29,32 @@ using tessera::testing::Hex;
 using tessera::testing::Unhex;
 
 using Bytes = std::vector<unsigned char>;
-using keystore_test::ReadFile;
-using keystore_test::TeesimDaemon;
+using tessera::testing::ReadTextFileOrEmpty;
+using teesim::testing::PrivateDaemon;
 
 // One daemon for the whole program. Made before the first keystore call, so
 // it is destroyed (stopped) after the connection singleton has closed.
-TeesimDaemon& Daemon() {
-  static TeesimDaemon daemon(TEESIM_DAEMON_PATH, TEESIM_TA_DIR);
+PrivateDaemon& Daemon() {
+  static PrivateDaemon daemon;
   return daemon;
 }
 
-std::string ClientLog() { return Daemon().folder() + "/client.log"; }
+std::string ClientLog() { return Daemon().ClientLogPath(); }
 
 class KeystoreE2E : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    setenv("DLOG_FILE", ClientLog().c_str(), 1);
-    ASSERT_TRUE(Daemon().Start()) << Daemon().error();
+    ASSERT_TRUE(Daemon().Start()) << Daemon().Error();
+    Daemon().UseFromThisProcess();
   }
   void SetUp() override {
     const uint32_t* w = tessera::kCredentialWords;
     ASSERT_EQ(ss_init_credential(&cred_, w[0], w[1], w[2], w[3], w[4], 1, 0), 0);
     ASSERT_EQ(ss_init_credential(&stranger_, 1, 2, 3, 4, 5, 1, 0), 0);
-    log_start_ = ReadFile(ClientLog()).size();
+    log_start_ = ReadTextFileOrEmpty(ClientLog()).size();
   }
   // What the client logged during this test.
-  std::string NewLog() const { return ReadFile(ClientLog()).substr(log_start_); }
+  std::string NewLog() const { return ReadTextFileOrEmpty(ClientLog()).substr(log_start_); }
 
   credential cred_;
   credential stranger_;
@@ -297,7 +297,7 @@ TEST_F(KeystoreE2E, NothingSecretReachesEitherLog) {
   unsigned verdict = 0;
   ASSERT_EQ(poc_check_pin(cred_, 10, 84, pin, 6, &verdict), 0);
   EXPECT_EQ(poc_getMnemonic(stranger_, 10, 84, &phrase, &len), -99);
-  for (const std::string& log : {ReadFile(ClientLog()), ReadFile(Daemon().log_path())}) {
+  for (const std::string& log : {ReadTextFileOrEmpty(ClientLog()), Daemon().LogText()}) {
     EXPECT_EQ(log.find("abandon"), std::string::npos);
     EXPECT_EQ(log.find("975318"), std::string::npos);
     EXPECT_EQ(log.find(key_hex.substr(0, 12)), std::string::npos);

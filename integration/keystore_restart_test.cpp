@@ -15,13 +15,14 @@
 
 #include "DeploymentCredential.h"
 #include "PocInterface.h"
-#include "TeesimDaemon.h"
+#include "teesim/testing/private_daemon.h"
+#include "tessera/testing/vector_file.h"
 #include "securestorage.h"
 
 namespace {
 
-using keystore_test::ReadFile;
-using keystore_test::TeesimDaemon;
+using tessera::testing::ReadTextFileOrEmpty;
+using teesim::testing::PrivateDaemon;
 
 const std::string kZeroPhrase =
     "abandon abandon abandon abandon abandon abandon abandon abandon abandon abandon abandon about";
@@ -49,8 +50,9 @@ int InChild(const std::function<int()>& body) {
 }
 
 TEST(KeystoreRestart, SeedAndPinSurviveADaemonRestart) {
-  TeesimDaemon daemon(TEESIM_DAEMON_PATH, TEESIM_TA_DIR);
-  ASSERT_TRUE(daemon.Start()) << daemon.error();
+  PrivateDaemon daemon;
+  ASSERT_TRUE(daemon.Start()) << daemon.Error();
+  daemon.UseFromThisProcess();
   EXPECT_EQ(InChild([] {
               const credential c = Console();
               const unsigned char seed[16] = {};
@@ -60,7 +62,7 @@ TEST(KeystoreRestart, SeedAndPinSurviveADaemonRestart) {
             }),
             0);
   daemon.Stop();
-  ASSERT_TRUE(daemon.Start()) << daemon.error();
+  ASSERT_TRUE(daemon.Start()) << daemon.Error();
   EXPECT_EQ(InChild([] {
               const credential c = Console();
               char* phrase = nullptr;
@@ -77,10 +79,10 @@ TEST(KeystoreRestart, SeedAndPinSurviveADaemonRestart) {
 }
 
 TEST(KeystoreRestart, KilledDaemonFailsTheNextCallQuicklyAndSaysWhy) {
-  TeesimDaemon daemon(TEESIM_DAEMON_PATH, TEESIM_TA_DIR);
-  ASSERT_TRUE(daemon.Start()) << daemon.error();
-  const std::string log = daemon.folder() + "/client.log";
-  setenv("DLOG_FILE", log.c_str(), 1);
+  PrivateDaemon daemon;
+  ASSERT_TRUE(daemon.Start()) << daemon.Error();
+  daemon.UseFromThisProcess();
+  const std::string log = daemon.ClientLogPath();
   int ready[2], go[2];
   ASSERT_EQ(pipe(ready), 0);
   ASSERT_EQ(pipe(go), 0);
@@ -103,13 +105,13 @@ TEST(KeystoreRestart, KilledDaemonFailsTheNextCallQuicklyAndSaysWhy) {
   char byte = 0;
   ASSERT_EQ(read(ready[0], &byte, 1), 1);
   EXPECT_EQ(byte, 'y') << "the first call worked";
-  daemon.Stop(/*kill=*/true);
+  daemon.Kill();
   ASSERT_EQ(write(go[1], "g", 1), 1);
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFEXITED(status)) << "the client hung or crashed";
   EXPECT_EQ(WEXITSTATUS(status), 0) << "calls after the daemon died give -99";
-  const std::string text = ReadFile(log);
+  const std::string text = ReadTextFileOrEmpty(log);
   EXPECT_NE(text.find("TEEC_InvokeCommand() failed for cmd 6"), std::string::npos) << text;
   EXPECT_NE(text.find("retOrigin = 2"), std::string::npos) << text;
   unsetenv("DLOG_FILE");

@@ -14,8 +14,9 @@ signer) are made with the same implementations, never with this project's
 own crypto. Elapsed times vary: only they are matched by pattern.
 
 Usage:
-  scenarios_e2e_test.py --binary PATH --teesim PATH --ta-dir DIR --generator PATH
-                        [--default-menu FILE] [--valgrind PATH] [--emulator CMD]
+  scenarios_e2e_test.py --binary PATH --teesim PATH --ta-dir DIR --private-daemon PATH
+                        --generator PATH [--default-menu FILE] [--valgrind PATH]
+                        [--emulator CMD]
                         [unittest args...]
   scenarios_e2e_test.py --list        print the test classes, one per line
 """
@@ -628,6 +629,7 @@ def main():
     parser.add_argument("--binary")
     parser.add_argument("--teesim")
     parser.add_argument("--ta-dir")
+    parser.add_argument("--private-daemon")
     parser.add_argument("--generator")
     parser.add_argument("--default-menu")
     parser.add_argument("--valgrind")
@@ -641,12 +643,13 @@ def main():
                 print(case.id().split(".")[1])
                 break
         return 0
-    for name in ("binary", "teesim", "ta_dir", "generator"):
+    for name in ("binary", "teesim", "ta_dir", "private_daemon", "generator"):
         if not getattr(ARGS, name):
             parser.error("--%s is required" % name.replace("_", "-"))
+    os.environ["TEESIM_PRIVATE_DAEMON"] = ARGS.private_daemon
     if not ARGS.default_menu:
         ARGS.default_menu = os.path.join(os.path.dirname(os.path.abspath(__file__)),
-                                         "..", "..", "..", "data", "menu.json")
+                                         "..", "CA", "data", "menu.json")
     console_harness.set_emulator(ARGS.emulator)
     GEN = load_generator(ARGS.generator)
     VECTORS = GEN.derive()

@@ -2,6 +2,8 @@
 # Installs the Debian packages that are missing for a purpose, and nothing else.
 #   install-deps.sh build   what building and running the console needs
 #   install-deps.sh test    the above, plus what the test suite needs
+#   install-deps.sh deb     the above build set, plus what building the Debian
+#                           packages needs (scripts/build-debs.sh)
 #   install-deps.sh arm64   cross builds for 64-bit ARM and their tests under
 #                           qemu-user: the cross compilers, qemu-user-static and
 #                           the arm64 multiarch -dev packages (adds the arm64
@@ -16,9 +18,13 @@ set -eu
 
 # python3 is in the build set because configuring lists the end-to-end tests.
 build_pkgs="g++ cmake ninja-build pkg-config python3 libjsoncpp-dev libssl-dev libsecp256k1-dev
-libgtest-dev libgmock-dev libbenchmark-dev"
+libgtest-dev libgmock-dev libbenchmark-dev libsystemd-dev"
 test_pkgs="clang libclang-rt-14-dev llvm valgrind util-linux python3 python3-mnemonic
 python3-ecdsa python3-pycryptodome python3-bip32utils"
+# Building and checking the Debian packages; the test suite installs them
+# into a fresh Debian root and checks the manual pages and the service unit.
+deb_pkgs="debhelper dpkg-dev lintian"
+packaging_test_pkgs="debootstrap mandoc systemd"
 # What a cross build of the host world links, for the target.
 target_libs="libjsoncpp-dev libssl-dev libsecp256k1-dev libgtest-dev libgmock-dev libbenchmark-dev"
 
@@ -36,7 +42,8 @@ sysroots=""
 for purpose in "${@:-build}"; do
   case "$purpose" in
     build) wanted="$wanted $build_pkgs" ;;
-    test) wanted="$wanted $build_pkgs $test_pkgs" ;;
+    test) wanted="$wanted $build_pkgs $test_pkgs $deb_pkgs $packaging_test_pkgs" ;;
+    deb) wanted="$wanted $build_pkgs $deb_pkgs" ;;
     arm64|device)
       foreign_archs="$foreign_archs arm64"
       wanted="$wanted crossbuild-essential-arm64 qemu-user-static"
@@ -47,7 +54,7 @@ for purpose in "${@:-build}"; do
       wanted="$wanted crossbuild-essential-armhf qemu-user-static mmdebstrap"
       sysroots="armhf"
       ;;
-    *) echo "usage: $0 [build|test|arm64|armhf|device]..." >&2; exit 2 ;;
+    *) echo "usage: $0 [build|test|deb|arm64|armhf|device]..." >&2; exit 2 ;;
   esac
 done
 
@@ -58,7 +65,7 @@ as_root_or_fail() {
     as_root="sudo"
   else
     echo "$1" >&2
-    echo "Run this command as root (or install sudo) so it can be done." >&2
+    echo "Run this command as root (or install sudo) so it can be done${2:-}." >&2
     exit 1
   fi
 }
@@ -91,7 +98,8 @@ for pkg in $wanted; do
 done
 
 if [ -n "$missing" ]; then
-  as_root_or_fail "Missing Debian packages:$missing"
+  as_root_or_fail "Missing Debian packages:$missing" \
+    ", or install them as root with: apt-get install --no-install-recommends$missing"
   echo "Installing Debian packages:$missing"
   export DEBIAN_FRONTEND=noninteractive
   # Wait for another apt or dpkg run to end rather than fail at once.

@@ -1,3 +1,4 @@
+// A capturing platform log for unit tests.
 #include "CapturedLog.h"
 
 #include <cstdarg>

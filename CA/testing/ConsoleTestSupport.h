@@ -1,3 +1,5 @@
+// The console's test support: reset of the program's state and standard I/O on
+// strings.
 #ifndef TESSERA_CONSOLE_CONSOLETESTSUPPORT_H
 #define TESSERA_CONSOLE_CONSOLETESTSUPPORT_H
 

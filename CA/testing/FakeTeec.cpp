@@ -1,3 +1,4 @@
+// A scriptable GP TEE Client API for unit tests of the keystore client.
 #include "FakeTeec.h"
 
 #include <cstdio>

@@ -1,3 +1,4 @@
+// Link-time doubles of the keystore API and of ss_init_credential.
 #include "KeystoreDoubles.h"
 
 #include "TimeTracker.h"

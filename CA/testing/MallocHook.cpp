@@ -1,3 +1,4 @@
+// A malloc seam for unit tests (-Wl,--wrap=malloc).
 #include "MallocHook.h"
 
 #include <atomic>

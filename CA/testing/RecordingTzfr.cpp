@@ -1,3 +1,4 @@
+// A recording stand-in for the CTzfrWsm serializer.
 #include "RecordingTzfr.h"
 
 #include <set>

@@ -1,3 +1,4 @@
+// Scripted doubles of the two keystore scenarios, for menu tests.
 #include "ScenarioDoubles.h"
 
 #include "ApiScenario.h"

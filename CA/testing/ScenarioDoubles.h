@@ -1,3 +1,5 @@
+// Scripted doubles of the two keystore scenarios, linked into menu tests
+// instead of the real ones.
 #ifndef TESSERA_CONSOLE_SCENARIODOUBLES_H
 #define TESSERA_CONSOLE_SCENARIODOUBLES_H
 

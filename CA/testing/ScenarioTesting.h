@@ -10,6 +10,7 @@
 #include "KeystoreDoubles.h"
 #include "TestData.h"
 #include "TimeTracker.h"
+#include "tessera/testing/hex.h"
 
 #include <gtest/gtest.h>
 
@@ -20,21 +21,9 @@
 
 namespace scenario_testing {
 
-// Lower-case hex, written here so that the expected text depends on nothing
-// but the bytes.
-inline std::string Hex(const unsigned char* data, std::size_t length) {
-  std::string text;
-  char pair[3];
-  for (std::size_t i = 0; i < length; ++i) {
-    std::snprintf(pair, sizeof pair, "%02x", data[i]);
-    text += pair;
-  }
-  return text;
-}
-
-inline std::string Hex(const std::vector<unsigned char>& bytes) {
-  return Hex(bytes.data(), bytes.size());
-}
+// Lower-case hex from the shared test support, independent of the console's
+// own helpers, so that the expected text depends on nothing but the bytes.
+using tessera::testing::Hex;
 
 inline std::vector<unsigned char> Bytes(const unsigned char* data, std::size_t length) {
   return std::vector<unsigned char>(data, data + length);

@@ -308,18 +308,6 @@ class RunningConsole:
         return False
 
 
-def _accepts(path):
-    """True when something accepts connections on the Unix socket `path`."""
-    probe = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
-    try:
-        probe.connect(path)
-        return True
-    except OSError:
-        return False
-    finally:
-        probe.close()
-
-
 def serving_pid(path):
     """The pid of the process that listens on the Unix socket `path` (the
     credentials the kernel recorded when it called listen)."""
@@ -366,70 +354,81 @@ def stop_serving_daemon(path, timeout=5.0):
 
 
 class TeesimDaemon:
-    """A private teesim daemon: its own socket, storage folder and log in a
-    fresh temporary folder, the given TA folder, run in the foreground as a
-    child of the test and stopped with SIGTERM. The storage survives stop()
-    and start(); the folder is removed on exit.
+    """A private teesim daemon, run through the simulator's own test launcher
+    (`teesim-private-daemon`, from teesim/testing), which makes the private
+    folder (socket, storage, log), starts the daemon in the foreground, waits
+    until it serves and removes everything when told to go. The storage
+    survives stop() and start().
 
-    daemon:     the teesim executable.
-    ta_dir:     the folder of the built TAs.
-    extra_args: further options for the daemon.
+    daemon:         the teesim executable.
+    ta_dir:         the folder of the built TAs.
+    extra_args:     further options for the daemon.
+    private_daemon: the launcher; default $TEESIM_PRIVATE_DAEMON.
     """
 
-    def __init__(self, daemon, ta_dir, extra_args=()):
-        self.daemon = os.path.abspath(daemon)
-        self.ta_dir = os.path.abspath(ta_dir)
-        self.extra_args = list(extra_args)
-        self.folder = tempfile.mkdtemp(prefix="tessera-teesim-")
-        self.socket = os.path.join(self.folder, "teesim.sock")
-        self.storage = os.path.join(self.folder, "storage")
-        self.log = os.path.join(self.folder, "teesim.log")
-        self.dlog = os.path.join(self.folder, "client.log")
-        self.process = None
+    def __init__(self, daemon, ta_dir, extra_args=(), private_daemon=None):
+        launcher = private_daemon or os.environ.get("TEESIM_PRIVATE_DAEMON", "")
+        if not launcher:
+            raise HarnessError("no teesim-private-daemon given (--private-daemon or "
+                               "$TEESIM_PRIVATE_DAEMON)")
+        # In a cross build the launcher runs through the emulator, and starts
+        # the daemon (which starts its TA hosts) through it (TEESIM_EMULATOR).
+        argv = _emulator + [os.path.abspath(launcher), "--daemon", os.path.abspath(daemon),
+                            "--ta-dir", os.path.abspath(ta_dir), "--"] + list(extra_args)
+        self.launcher = subprocess.Popen(argv, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                         stderr=subprocess.PIPE, text=True, bufsize=1,
+                                         env=dict(os.environ, **emulator_environment()))
+        self.running = False
+        self._take_ready(self._reply())
+
+    def _reply(self, timeout=60.0):
+        """The launcher's next line; it answers every command with one. The
+        deadline only keeps a broken launcher from hanging the test."""
+        ready, _, _ = select.select([self.launcher.stdout], [], [], timeout)
+        line = self.launcher.stdout.readline() if ready else ""
+        if not line:
+            self.launcher.kill()
+            _, err = self.launcher.communicate()
+            raise HarnessError("teesim-private-daemon gave no answer; its output:\n" + err)
+        return line.rstrip("\n")
+
+    def _take_ready(self, line):
+        if not line.startswith("ready "):
+            raise HarnessError("teesim did not start: " + line)
+        fields = dict(item.split("=", 1) for item in line.split()[1:])
+        self.socket = fields["socket"]
+        self.folder = fields["folder"]
+        self.storage = fields["storage"]
+        self.log = fields["log"]
+        self.dlog = fields["client_log"]
+        self.pid = int(fields["pid"])
+        self.running = True
+
+    def _command(self, word):
+        self.launcher.stdin.write(word + "\n")
+        self.launcher.stdin.flush()
+        return self._reply()
 
     def client_environment(self):
         """Variables that send a client's libteec to this daemon and never
         let it start another one; the client's log goes to self.dlog."""
         return {"TEESIM_SOCKET": self.socket, "TEESIM_DAEMON": "", "DLOG_FILE": self.dlog}
 
-    def start(self, timeout=10.0):
-        """Starts the daemon and waits until its socket accepts connections.
-        Raises HarnessError, with the daemon's log, when it does not."""
-        if self.process is not None:
-            return
-        argv = _emulator + [self.daemon, "--foreground", "--socket", self.socket,
-                            "--ta-dir", self.ta_dir, "--storage-dir", self.storage,
-                            "--log-file", self.log] + self.extra_args
-        if _emulator:
-            argv += ["--emulator", " ".join(_emulator)]
-        self.process = subprocess.Popen(argv, stdin=subprocess.DEVNULL,
-                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        deadline = time.monotonic() + timeout
-        while not _accepts(self.socket):
-            if self.process.poll() is not None:
-                self.process = None
-                raise HarnessError("teesim exited during start-up; its log:\n" + self.read_log())
-            if time.monotonic() > deadline:
-                self.stop(kill=True)
-                raise HarnessError("teesim did not accept connections within %g s; its log:\n"
-                                   % timeout + self.read_log())
-            time.sleep(0.005)
+    def start(self):
+        """Starts the daemon again (it runs from construction on) and waits
+        until it serves. Raises HarnessError, with the reason, when it does
+        not."""
+        if not self.running:
+            self._take_ready(self._command("start"))
 
     def stop(self, kill=False):
-        """Stops the daemon (SIGTERM, or SIGKILL when `kill`) and reaps it;
-        SIGKILL follows when it has not ended within 5 s."""
-        if self.process is None:
-            return
-        if kill:
-            self.process.kill()
-        else:
-            self.process.terminate()
-        try:
-            self.process.wait(timeout=5)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            self.process.wait()
-        self.process = None
+        """Stops the daemon (SIGTERM, or SIGKILL when `kill`); the launcher
+        escalates to SIGKILL when SIGTERM does not end it."""
+        if self.running:
+            reply = self._command("kill" if kill else "stop")
+            if not reply.startswith("stopped"):
+                raise HarnessError("teesim-private-daemon: " + reply)
+            self.running = False
 
     def read_log(self):
         return _read_text(self.log)
@@ -446,8 +445,18 @@ class TeesimDaemon:
         return False
 
     def close(self):
-        self.stop()
-        shutil.rmtree(self.folder, ignore_errors=True)
+        """Stops the daemon and removes its folder (the launcher does both
+        when its input ends)."""
+        if self.launcher.poll() is None:
+            self.launcher.stdin.close()
+            try:
+                self.launcher.wait(timeout=60)
+            except subprocess.TimeoutExpired:
+                self.launcher.kill()
+                self.launcher.wait()
+        self.launcher.stdout.close()
+        self.launcher.stderr.close()
+        self.running = False
 
 
 def _read_text(path):

@@ -1,6 +1,7 @@
-/* Writes the seed corpus of wire_fuzz: one valid frame of each message
- * shape, prefixed with the descriptor count it expects. Run by hand when the
- * format changes: make_corpus <dir>. */
+/* Writes the seed corpus of teesim_wire_fuzz: one valid frame of each
+ * message shape, prefixed with the descriptor count it expects. Run when the
+ * format changes: `cmake --build <build> --target teesim_wire_corpus`
+ * rewrites fuzz/corpus/ (or run teesim_wire_make_corpus <dir> by hand). */
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -60,7 +61,7 @@ int main(int argc, char** argv) {
   put("hello", w::Hello{1234}, 0);
   put("hello_reply", w::HelloReply{1, w::kMaxShmSize}, 0);
   w::OpenSession os;
-  os.login = 2;
+  os.login = w::Login::Group;
   os.has_group = true;
   os.params = req;
   put("open_session", os, 1);

@@ -21,7 +21,7 @@ extern "C" {
 /* One instance serves every session (otherwise one instance per session). */
 #define TEESIM_TA_FLAG_SINGLE_INSTANCE 0x00000004u
 /* A single instance accepts several sessions at once (otherwise a second
- * open gets TEEC_ERROR_BUSY while the first is open). */
+ * open gets TEE_ERROR_BUSY while the first is open). */
 #define TEESIM_TA_FLAG_MULTI_SESSION   0x00000008u
 /* A single instance stays alive when its last session closes. */
 #define TEESIM_TA_FLAG_KEEP_ALIVE      0x00000010u

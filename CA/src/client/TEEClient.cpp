@@ -1,3 +1,5 @@
+// The TEE connection: context, session and shared memory, opened once and
+// released at exit.
 #include "TEEClient.h"
 
 #include "TesseraLog.h"

@@ -1,3 +1,5 @@
+// Tests of the TEE connection on the scriptable GP Client API: every step,
+// every failure and its log line.
 #include "TEEClient.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// The keystore client's log line, in the platform log's format.
 #include "TesseraLog.h"
 
 namespace client {

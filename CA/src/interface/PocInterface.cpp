@@ -1,3 +1,4 @@
+// The ten keystore API calls, each one TA command over the TEE connection.
 #include "PocInterface.h"
 
 #include <cstdlib>

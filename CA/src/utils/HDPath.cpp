@@ -1,3 +1,4 @@
+// The HD derivation path type and its text form.
 #include "HDPath.h"
 
 namespace {

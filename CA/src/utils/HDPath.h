@@ -1,3 +1,4 @@
+// The five-level HD derivation path that keystore requests carry.
 #ifndef TESSERA_UTILS_HDPATH_H
 #define TESSERA_UTILS_HDPATH_H
 

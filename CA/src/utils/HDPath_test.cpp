@@ -1,3 +1,4 @@
+// Tests of the HD path and its text form.
 #include "HDPath.h"
 
 #include <gtest/gtest.h>

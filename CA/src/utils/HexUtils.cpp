@@ -1,3 +1,4 @@
+// Hex and byte-order conversions of byte strings.
 #include "HexUtils.h"
 
 #include <cstdint>

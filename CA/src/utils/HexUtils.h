@@ -1,3 +1,4 @@
+// Hex and byte-order helpers of the console.
 #ifndef TESSERA_UTILS_HEXUTILS_H
 #define TESSERA_UTILS_HEXUTILS_H
 

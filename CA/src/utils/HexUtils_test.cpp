@@ -1,3 +1,4 @@
+// Tests of the hex and byte-order helpers, every edge case included.
 #include "HexUtils.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// Signer address recovery from a secp256k1 ECDSA signature.
 #ifndef TESSERA_UTILS_RESTOREADDRESS_H
 #define TESSERA_UTILS_RESTOREADDRESS_H
 

@@ -1,3 +1,4 @@
+// Internals of signer address recovery, for its tests and benchmark.
 #ifndef TESSERA_UTILS_RESTOREADDRESSIMPL_H
 #define TESSERA_UTILS_RESTOREADDRESSIMPL_H
 

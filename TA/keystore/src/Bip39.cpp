@@ -1,3 +1,5 @@
+// BIP-39 with the English word list: phrases from entropy, phrase checks, seeds
+// from phrases.
 #include "Bip39.h"
 
 #include <cstring>

@@ -1,3 +1,4 @@
+// Tests of BIP-39 against the published English vectors and the word list.
 #include "Bip39.h"
 
 #include <gtest/gtest.h>

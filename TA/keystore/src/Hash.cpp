@@ -1,3 +1,4 @@
+// The keystore's hash functions on OpenSSL's libcrypto.
 #include "Hash.h"
 
 #include <openssl/core_names.h>

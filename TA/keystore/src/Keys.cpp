@@ -1,3 +1,4 @@
+// BIP-32 derivation, addresses and recoverable signatures on libsecp256k1.
 #include "Keys.h"
 
 #include <secp256k1_recovery.h>

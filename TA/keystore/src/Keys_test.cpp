@@ -1,3 +1,5 @@
+// Tests of key derivation, addresses and signatures against published and
+// independent vectors.
 #include "Keys.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+// The keystore TA's command handler: requests parsed from a private copy,
+// wallets, answers.
 #include "Keystore.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// A wallet's stored record: seed, PIN MAC and attempt count, read and written
+// as one object.
 #include "Wallet.h"
 
 #include <cstring>

@@ -1,3 +1,4 @@
+// Tests of the wallet record's encoding and of its object names.
 #include "Wallet.h"
 
 #include <gtest/gtest.h>

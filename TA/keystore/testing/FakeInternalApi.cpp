@@ -1,3 +1,4 @@
+// An in-memory GP Internal API for the keystore's unit tests and fuzzer.
 #include "FakeInternalApi.h"
 
 #include <cstdarg>

@@ -1,3 +1,4 @@
+// Tests of the names of GP result codes and origins.
 #include "tee_names.h"
 
 #include <gtest/gtest.h>

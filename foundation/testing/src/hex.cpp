@@ -1,3 +1,4 @@
+// Hex text for tests.
 #include "tessera/testing/hex.h"
 
 #include <stdexcept>

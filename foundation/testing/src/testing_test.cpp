@@ -1,3 +1,4 @@
+// Tests of the shared test support: hex text and vector files.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -44,9 +45,11 @@ TEST(TestingVectorFile, SkipsCommentsAndSplitsFields) {
   ASSERT_EQ(piped.size(), 2u);
   EXPECT_EQ(piped[1].fields, (std::vector<std::string>{"key a", "b", "", "c"}));
   EXPECT_EQ(ReadTextFile(path), text);
+  EXPECT_EQ(ReadTextFileOrEmpty(path), text);
   std::remove(path);
   EXPECT_THROW(ReadVectorFile(path), std::runtime_error);
   EXPECT_THROW(ReadTextFile(path), std::runtime_error);
+  EXPECT_EQ(ReadTextFileOrEmpty(path), "");
 }
 
 }  // namespace

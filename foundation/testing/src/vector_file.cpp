@@ -1,3 +1,4 @@
+// Reading vector files for tests.
 #include "tessera/testing/vector_file.h"
 
 #include <fstream>
@@ -34,6 +35,13 @@ std::string ReadTextFile(const std::string& path) {
   if (!in.is_open()) throw std::runtime_error("cannot read " + path);
   std::ostringstream text;
   text << in.rdbuf();
+  return text.str();
+}
+
+std::string ReadTextFileOrEmpty(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  if (in.is_open()) text << in.rdbuf();
   return text.str();
 }
 

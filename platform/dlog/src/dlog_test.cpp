@@ -1,3 +1,4 @@
+// Tests of the platform log stand-in: syslog priorities and the DLOG_FILE copy.
 #include "dlog.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// Tests of the secure-storage stand-in's credential.
 #include "securestorage.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// The CTzfrWsm message serializer; the byte format is in CTzfrWsm.h.
 #include "CTzfrWsm.h"
 
 #include <cstring>

@@ -1,3 +1,5 @@
+// Tests of the serializer: the documented byte layout, bounds, and every
+// misuse.
 #include "CTzfrWsm.h"
 
 #include <gtest/gtest.h>

@@ -1,12 +1,13 @@
+/* Whole frames with their descriptors over Unix sockets; see teesim/channel.h. */
 #include "teesim/channel.h"
 
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <string.h>
-
 #include <cerrno>
 #include <cstring>
+
+#include "secure_wipe.h"
 
 namespace teesim {
 
@@ -123,7 +124,7 @@ uint32_t le32(const uint8_t* p) {
 
 StreamReader::StreamReader() : buf_(2 * wire::kMaxFrameSize) {}
 
-StreamReader::~StreamReader() { ::explicit_bzero(buf_.data(), buf_.size()); }
+StreamReader::~StreamReader() { tessera_secure_wipe(buf_.data(), buf_.size()); }
 
 ssize_t StreamReader::next(int fd, const uint8_t** frame) {
   if (begin_ == end_) begin_ = end_ = handed_ = 0; /* all consumed: read to the start */
@@ -144,7 +145,7 @@ ssize_t StreamReader::next(int fd, const uint8_t** frame) {
     if (buf_.size() - end_ < wire::kMaxFrameSize) {
       /* Move the partial frame to the front; what it leaves is wiped. */
       std::memmove(buf_.data(), buf_.data() + begin_, avail);
-      ::explicit_bzero(buf_.data() + avail, end_ - avail);
+      tessera_secure_wipe(buf_.data() + avail, end_ - avail);
       begin_ = handed_ = 0;
       end_ = avail;
     }
@@ -191,7 +192,7 @@ bool StreamReader::take_fds(size_t n, FdList* out) {
 }
 
 void StreamReader::wipe_consumed() {
-  if (handed_ > 0) ::explicit_bzero(buf_.data(), handed_);
+  if (handed_ > 0) tessera_secure_wipe(buf_.data(), handed_);
 }
 
 int make_channel(UniqueFd* a, UniqueFd* b) {

@@ -1,3 +1,4 @@
+/* Frames and descriptors across real socket pairs, seqpacket and stream. */
 #include "teesim/channel.h"
 
 #include <fcntl.h>

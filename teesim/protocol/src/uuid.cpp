@@ -1,3 +1,4 @@
+/* TA identities: UUID bytes, GP fields and canonical text; see teesim/uuid.h. */
 #include "teesim/uuid.h"
 
 namespace teesim {

@@ -1,3 +1,4 @@
+/* UUID text and field conversions, both ways. */
 #include "teesim/uuid.h"
 
 #include <gtest/gtest.h>

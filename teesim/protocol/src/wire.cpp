@@ -1,3 +1,4 @@
+/* The one encoder and parser of the wire format documented in teesim/wire.h. */
 #include "teesim/wire.h"
 
 #include <cstring>
@@ -393,7 +394,7 @@ Status decode(const Frame& f, size_t nfds, OpenSession* m) {
   if (!type_is<OpenSession>(f)) return Status::WrongType;
   Reader r(f.body, f.body_len);
   read_uuid(r, &m->ta);
-  m->login = r.u32();
+  m->login = static_cast<Login>(r.u32());
   uint32_t has_group = r.u32();
   m->group = r.u32();
   if (!r.ok()) return Status::Truncated;
@@ -408,7 +409,7 @@ Status decode(const Frame& f, size_t nfds, OpenSessionReply* m) {
   if (!type_is<OpenSessionReply>(f)) return Status::WrongType;
   Reader r(f.body, f.body_len);
   m->result = r.u32();
-  m->origin = r.u32();
+  m->origin = static_cast<Origin>(r.u32());
   m->session_id = r.u32();
   if (!r.ok()) return Status::Truncated;
   Status s = read_reply_params(r, &m->params);
@@ -430,7 +431,7 @@ Status decode(const Frame& f, size_t nfds, InvokeReply* m) {
   if (!type_is<InvokeReply>(f)) return Status::WrongType;
   Reader r(f.body, f.body_len);
   m->result = r.u32();
-  m->origin = r.u32();
+  m->origin = static_cast<Origin>(r.u32());
   if (!r.ok()) return Status::Truncated;
   Status s = read_reply_params(r, &m->params);
   if (s != Status::Ok) return s;
@@ -477,7 +478,7 @@ Status decode(const Frame& f, size_t nfds, HostInitReply* m) {
   if (!type_is<HostInitReply>(f)) return Status::WrongType;
   Reader r(f.body, f.body_len);
   m->result = r.u32();
-  m->origin = r.u32();
+  m->origin = static_cast<Origin>(r.u32());
   m->ta_flags = r.u32();
   if (!r.ok()) return Status::Truncated;
   if (!read_string(r, &m->name) || !read_string(r, &m->error)) return Status::Truncated;
@@ -488,7 +489,7 @@ Status decode(const Frame& f, size_t nfds, HostOpen* m) {
   if (!type_is<HostOpen>(f)) return Status::WrongType;
   Reader r(f.body, f.body_len);
   m->session_id = r.u32();
-  m->login = r.u32();
+  m->login = static_cast<Login>(r.u32());
   read_uuid(r, &m->client_id);
   if (!r.ok()) return Status::Truncated;
   Status s = read_request_params(r, &m->params);
@@ -501,7 +502,7 @@ Status decode(const Frame& f, size_t nfds, HostOpenReply* m) {
   Reader r(f.body, f.body_len);
   m->session_id = r.u32();
   m->result = r.u32();
-  m->origin = r.u32();
+  m->origin = static_cast<Origin>(r.u32());
   if (!r.ok()) return Status::Truncated;
   Status s = read_reply_params(r, &m->params);
   if (s != Status::Ok) return s;
@@ -542,7 +543,7 @@ Status encode(std::vector<uint8_t>& out, uint32_t tag, const OpenSession& m) {
   Writer w(out);
   begin(w, OpenSession::kType, tag);
   w.raw(m.ta.bytes.data(), m.ta.bytes.size());
-  w.u32(m.login);
+  w.u32(static_cast<uint32_t>(m.login));
   w.u32(m.has_group ? 1 : 0);
   w.u32(m.group);
   return finish(w, out, write_request_params(w, m.params));
@@ -552,7 +553,7 @@ Status encode(std::vector<uint8_t>& out, uint32_t tag, const OpenSessionReply& m
   Writer w(out);
   begin(w, OpenSessionReply::kType, tag);
   w.u32(m.result);
-  w.u32(m.origin);
+  w.u32(static_cast<uint32_t>(m.origin));
   w.u32(m.session_id);
   return finish(w, out, write_reply_params(w, m.params));
 }
@@ -568,7 +569,7 @@ Status encode(std::vector<uint8_t>& out, uint32_t tag, const InvokeReply& m) {
   Writer w(out);
   begin(w, InvokeReply::kType, tag);
   w.u32(m.result);
-  w.u32(m.origin);
+  w.u32(static_cast<uint32_t>(m.origin));
   return finish(w, out, write_reply_params(w, m.params));
 }
 
@@ -619,7 +620,7 @@ Status encode(std::vector<uint8_t>& out, uint32_t tag, const HostInitReply& m) {
   Writer w(out);
   begin(w, HostInitReply::kType, tag);
   w.u32(m.result);
-  w.u32(m.origin);
+  w.u32(static_cast<uint32_t>(m.origin));
   w.u32(m.ta_flags);
   write_string(w, m.name);
   write_string(w, m.error);
@@ -630,7 +631,7 @@ Status encode(std::vector<uint8_t>& out, uint32_t tag, const HostOpen& m) {
   Writer w(out);
   begin(w, HostOpen::kType, tag);
   w.u32(m.session_id);
-  w.u32(m.login);
+  w.u32(static_cast<uint32_t>(m.login));
   w.raw(m.client_id.bytes.data(), m.client_id.bytes.size());
   return finish(w, out, write_request_params(w, m.params));
 }
@@ -640,7 +641,7 @@ Status encode(std::vector<uint8_t>& out, uint32_t tag, const HostOpenReply& m) {
   begin(w, HostOpenReply::kType, tag);
   w.u32(m.session_id);
   w.u32(m.result);
-  w.u32(m.origin);
+  w.u32(static_cast<uint32_t>(m.origin));
   return finish(w, out, write_reply_params(w, m.params));
 }
 

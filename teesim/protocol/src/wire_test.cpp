@@ -1,3 +1,4 @@
+/* Round trips of every message and refusals of every malformed frame. */
 #include "teesim/wire.h"
 
 #include <gtest/gtest.h>
@@ -99,14 +100,14 @@ TEST(Wire, OpenSessionRoundTripsEveryCarrier) {
   auto data = bytes(1000, 3);
   OpenSession m;
   m.ta = sample_uuid(0x10);
-  m.login = 2;
+  m.login = Login::Group;
   m.has_group = true;
   m.group = 1234;
   m.params = request_params_of_every_carrier(data);
   auto d = round_trip(m, 1);
   const OpenSession& out = d.msg;
   EXPECT_EQ(out.ta, m.ta);
-  EXPECT_EQ(out.login, 2u);
+  EXPECT_EQ(out.login, Login::Group);
   EXPECT_TRUE(out.has_group);
   EXPECT_EQ(out.group, 1234u);
   expect_same_request_params(m.params, out.params);
@@ -148,7 +149,7 @@ TEST(Wire, InvokeReplyCarriesValuesSizesAndOutputBytes) {
   auto data = bytes(40, 9);
   InvokeReply m;
   m.result = 0xFFFF0010u;
-  m.origin = 4;
+  m.origin = Origin::TrustedApp;
   m.params[0].kind = ParamKind::ValueOut;
   m.params[0].a = 1;
   m.params[0].b = 2;
@@ -163,7 +164,7 @@ TEST(Wire, InvokeReplyCarriesValuesSizesAndOutputBytes) {
   auto d = round_trip(m, 0);
   const InvokeReply& out = d.msg;
   EXPECT_EQ(out.result, m.result);
-  EXPECT_EQ(out.origin, 4u);
+  EXPECT_EQ(out.origin, Origin::TrustedApp);
   EXPECT_EQ(out.params[0].a, 1u);
   EXPECT_EQ(out.params[0].b, 2u);
   EXPECT_EQ(out.params[1].size, 40u);
@@ -186,7 +187,7 @@ TEST(Wire, OpenSessionReplyNeedsTheChannelExactlyOnSuccess) {
   EXPECT_EQ(decode(f, 0, &out), Status::FdMismatch);
   OpenSessionReply fail;
   fail.result = 0xFFFF0008u;
-  fail.origin = 3;
+  fail.origin = Origin::Tee;
   ASSERT_EQ(encode(frame, 0, fail), Status::Ok);
   ASSERT_EQ(parse_frame(frame.data(), frame.size(), &f), Status::Ok);
   EXPECT_EQ(decode(f, 1, &out), Status::FdMismatch);
@@ -204,6 +205,31 @@ TEST(Wire, SmallMessagesRoundTrip) {
   HostSessionClosed c;
   c.session_id = 12;
   EXPECT_EQ(round_trip(c, 0).msg.session_id, 12u);
+}
+
+/* Origins and logins are the GP numbers on the wire, and a number that no
+ * name has travels unchanged (the daemon, not the parser, refuses it). */
+TEST(Wire, OriginsAndLoginsTravelAsTheirNumbers) {
+  InvokeReply r;
+  r.origin = Origin::Comms;
+  std::vector<uint8_t> frame;
+  ASSERT_EQ(encode(frame, 1, r), Status::Ok);
+  ASSERT_GE(frame.size(), kHeaderSize + 8);
+  auto le32 = [&frame](size_t at) {
+    return static_cast<uint32_t>(frame[at]) | static_cast<uint32_t>(frame[at + 1]) << 8 |
+           static_cast<uint32_t>(frame[at + 2]) << 16 | static_cast<uint32_t>(frame[at + 3]) << 24;
+  };
+  EXPECT_EQ(le32(kHeaderSize + 4), 2u); /* after u32 result */
+  r.origin = static_cast<Origin>(0x7777u);
+  EXPECT_EQ(static_cast<uint32_t>(round_trip(r, 0).msg.origin), 0x7777u);
+
+  OpenSession o;
+  o.login = Login::GroupApplication;
+  frame.clear();
+  ASSERT_EQ(encode(frame, 1, o), Status::Ok);
+  EXPECT_EQ(le32(kHeaderSize + 16), 6u); /* after the uuid */
+  o.login = static_cast<Login>(7u);
+  EXPECT_EQ(static_cast<uint32_t>(round_trip(o, 0).msg.login), 7u);
 }
 
 TEST(Wire, HostInitRoundTripsKeysAndPaths) {
@@ -236,13 +262,13 @@ TEST(Wire, HostInitRoundTripsKeysAndPaths) {
 TEST(Wire, HostInitReplyAndOpenRoundTrip) {
   HostInitReply r;
   r.result = 0xFFFF0005u;
-  r.origin = 3;
+  r.origin = Origin::Tee;
   r.ta_flags = 0x1C;
   r.name = "echo";
   r.error = "descriptor UUID differs from the file name";
   HostInitReply r2 = round_trip(r, 0).msg;
   EXPECT_EQ(r2.result, r.result);
-  EXPECT_EQ(r2.origin, 3u);
+  EXPECT_EQ(r2.origin, Origin::Tee);
   EXPECT_EQ(r2.ta_flags, r.ta_flags);
   EXPECT_EQ(r2.name, r.name);
   EXPECT_EQ(r2.error, r.error);
@@ -250,20 +276,20 @@ TEST(Wire, HostInitReplyAndOpenRoundTrip) {
   auto data = bytes(10, 0);
   HostOpen o;
   o.session_id = 77;
-  o.login = 4;
+  o.login = Login::Application;
   o.client_id = sample_uuid(0xA0);
   o.params = request_params_of_every_carrier(data);
   auto d = round_trip(o, 2); /* channel + one shm */
   const HostOpen& o2 = d.msg;
   EXPECT_EQ(o2.session_id, 77u);
-  EXPECT_EQ(o2.login, 4u);
+  EXPECT_EQ(o2.login, Login::Application);
   EXPECT_EQ(o2.client_id, o.client_id);
   expect_same_request_params(o.params, o2.params);
 
   HostOpenReply a;
   a.session_id = 77;
   a.result = 0;
-  a.origin = 4;
+  a.origin = Origin::TrustedApp;
   a.params[1].kind = ParamKind::ValueOut;
   a.params[1].a = 5;
   HostOpenReply a2 = round_trip(a, 0).msg;

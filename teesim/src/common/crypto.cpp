@@ -1,3 +1,4 @@
+/* SHA-256, HMAC, HKDF and AES-256-GCM on OpenSSL 3; see crypto.h. */
 #include "common/crypto.h"
 
 #include <openssl/core_names.h>

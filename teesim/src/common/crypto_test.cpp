@@ -1,3 +1,4 @@
+/* The crypto primitives against published vectors. */
 #include "common/crypto.h"
 
 #include <gtest/gtest.h>
@@ -5,14 +6,12 @@
 #include <string>
 #include <vector>
 
+#include "tessera/testing/hex.h"
+
 namespace teesim::crypto {
 namespace {
 
-std::vector<uint8_t> unhex(const std::string& h) {
-  std::vector<uint8_t> v;
-  for (size_t i = 0; i + 1 < h.size(); i += 2) v.push_back(static_cast<uint8_t>(std::stoi(h.substr(i, 2), nullptr, 16)));
-  return v;
-}
+using ::tessera::testing::Unhex;
 
 /* McGrew & Viega, "The Galois/Counter Mode of Operation", test case 16. */
 const char* kGcmKey = "feffe9928665731c6d6a8f9467308308feffe9928665731c6d6a8f9467308308";
@@ -27,13 +26,13 @@ const char* kGcmCipher =
 const char* kGcmTag = "76fc6ece0f4e1768cddf8853bb2d551b";
 
 TEST(Crypto, AesGcmMatchesPublishedVector) {
-  auto key = unhex(kGcmKey), plain = unhex(kGcmPlain), aad = unhex(kGcmAad), iv = unhex(kGcmIv);
+  auto key = Unhex(kGcmKey), plain = Unhex(kGcmPlain), aad = Unhex(kGcmAad), iv = Unhex(kGcmIv);
   std::vector<uint8_t> ct(plain.size());
   uint8_t tag[kGcmTagSize];
   ASSERT_TRUE(aes256gcm_seal(ct.data(), tag, key.data(), iv.data(), aad.data(), aad.size(),
                              plain.data(), plain.size()));
-  EXPECT_EQ(ct, unhex(kGcmCipher));
-  EXPECT_EQ(std::vector<uint8_t>(tag, tag + kGcmTagSize), unhex(kGcmTag));
+  EXPECT_EQ(ct, Unhex(kGcmCipher));
+  EXPECT_EQ(std::vector<uint8_t>(tag, tag + kGcmTagSize), Unhex(kGcmTag));
 
   std::vector<uint8_t> back(ct.size());
   ASSERT_TRUE(aes256gcm_open(back.data(), key.data(), iv.data(), aad.data(), aad.size(), ct.data(),
@@ -42,8 +41,8 @@ TEST(Crypto, AesGcmMatchesPublishedVector) {
 }
 
 TEST(Crypto, AesGcmRefusesAnyAlteration) {
-  auto key = unhex(kGcmKey), aad = unhex(kGcmAad), iv = unhex(kGcmIv);
-  auto ct = unhex(kGcmCipher), tag = unhex(kGcmTag);
+  auto key = Unhex(kGcmKey), aad = Unhex(kGcmAad), iv = Unhex(kGcmIv);
+  auto ct = Unhex(kGcmCipher), tag = Unhex(kGcmTag);
   std::vector<uint8_t> out(ct.size(), 0xAA);
   auto bad = ct;
   bad[10] ^= 1;
@@ -67,18 +66,18 @@ TEST(Crypto, HmacSha256MatchesRfc4231) {
   ASSERT_TRUE(hmac_sha256(mac, reinterpret_cast<const uint8_t*>(key.data()), key.size(),
                           data.data(), data.size()));
   EXPECT_EQ(std::vector<uint8_t>(mac, mac + 32),
-            unhex("5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843"));
+            Unhex("5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843"));
 }
 
 /* RFC 5869, test case 1. */
 TEST(Crypto, HkdfSha256MatchesRfc5869) {
-  auto ikm = unhex("0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b");
-  auto salt = unhex("000102030405060708090a0b0c");
-  auto info = unhex("f0f1f2f3f4f5f6f7f8f9");
+  auto ikm = Unhex("0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b");
+  auto salt = Unhex("000102030405060708090a0b0c");
+  auto info = Unhex("f0f1f2f3f4f5f6f7f8f9");
   std::vector<uint8_t> okm(42);
   ASSERT_TRUE(hkdf_sha256(okm.data(), okm.size(), ikm.data(), ikm.size(), salt.data(), salt.size(),
                           info.data(), info.size()));
-  EXPECT_EQ(okm, unhex("3cb25f25faacd57a90434f64d0362f2a2d2d0a90cf1a5a4c5db02d56ecc4c5bf3400720"
+  EXPECT_EQ(okm, Unhex("3cb25f25faacd57a90434f64d0362f2a2d2d0a90cf1a5a4c5db02d56ecc4c5bf3400720"
                        "8d5b887185865"));
 }
 
@@ -86,7 +85,7 @@ TEST(Crypto, Sha256OfAbc) {
   uint8_t d[32];
   ASSERT_TRUE(sha256(d, "abc", 3));
   EXPECT_EQ(std::vector<uint8_t>(d, d + 32),
-            unhex("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"));
+            Unhex("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"));
 }
 
 TEST(Crypto, OsRandomFillsAndDiffers) {

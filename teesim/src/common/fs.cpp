@@ -1,3 +1,4 @@
+/* File-system helpers for the secure side's private folders; see fs.h. */
 #include "common/fs.h"
 
 #include <dirent.h>

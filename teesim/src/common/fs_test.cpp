@@ -1,3 +1,4 @@
+/* Atomic writes, private folders and the other file-system helpers. */
 #include "common/fs.h"
 
 #include <dirent.h>
@@ -10,21 +11,12 @@
 #include <string>
 #include <vector>
 
+#include "teesim/testing/temp_folder.h"
+
 namespace teesim::fs {
 namespace {
 
-class TempDir {
- public:
-  TempDir() {
-    char tmpl[] = "/tmp/teesim-fs-XXXXXX";
-    path_ = ::mkdtemp(tmpl);
-  }
-  ~TempDir() { std::system(("rm -rf '" + path_ + "'").c_str()); }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
+using ::teesim::testing::TempFolder;
 
 std::vector<std::string> entries(const std::string& dir) {
   std::vector<std::string> out;
@@ -46,7 +38,7 @@ TEST(Fs, OffsetsAndInodeNumbersAre64BitOnEveryWidth) {
 }
 
 TEST(Fs, AtomicWriteReplacesWholeFileAndLeavesNoTemporary) {
-  TempDir t;
+  TempFolder t;
   const uint8_t a[] = {1, 2, 3}, b[] = {9, 8, 7, 6, 5};
   ASSERT_EQ(write_file_atomic(t.path(), "x", a, sizeof a, 0600, false), 0);
   ASSERT_EQ(write_file_atomic(t.path(), "x", b, sizeof b, 0600, false), 0);
@@ -60,7 +52,7 @@ TEST(Fs, AtomicWriteReplacesWholeFileAndLeavesNoTemporary) {
 }
 
 TEST(Fs, ExclusiveWriteKeepsTheExistingFile) {
-  TempDir t;
+  TempFolder t;
   const uint8_t a[] = {1}, b[] = {2};
   ASSERT_EQ(write_file_atomic(t.path(), "x", a, 1, 0600, true), 0);
   EXPECT_EQ(write_file_atomic(t.path(), "x", b, 1, 0600, true), -EEXIST);
@@ -71,7 +63,7 @@ TEST(Fs, ExclusiveWriteKeepsTheExistingFile) {
 }
 
 TEST(Fs, ReadFileChecksPresenceSizeAndType) {
-  TempDir t;
+  TempFolder t;
   std::vector<uint8_t> got;
   EXPECT_EQ(read_file(t.path() + "/none", 10, &got), -ENOENT);
   const uint8_t a[20] = {};
@@ -85,7 +77,7 @@ TEST(Fs, ReadFileChecksPresenceSizeAndType) {
 }
 
 TEST(Fs, MakeDirsAndPrivacyCheck) {
-  TempDir t;
+  TempFolder t;
   std::string deep = t.path() + "/a/b/c";
   ASSERT_EQ(make_dirs(deep, 0700), 0);
   std::string why;
@@ -102,7 +94,7 @@ TEST(Fs, MakeDirsAndPrivacyCheck) {
 }
 
 TEST(Fs, LeftoverTemporariesAndFlatFoldersAreRemoved) {
-  TempDir t;
+  TempFolder t;
   const uint8_t x = 0;
   ASSERT_EQ(write_file_atomic(t.path(), "keep", &x, 1, 0600, false), 0);
   for (const char* n : {".tmp-aaaaaa", ".tmp-bbbbbb"}) {

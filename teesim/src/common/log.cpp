@@ -1,3 +1,4 @@
+/* The secure side's log; see log.h. */
 #include "common/log.h"
 
 #include <syslog.h>

@@ -5,20 +5,18 @@
 #ifndef TEESIM_COMMON_SECRET_H
 #define TEESIM_COMMON_SECRET_H
 
-#include <string.h>
-
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
+#include "secure_wipe.h"
+
 namespace teesim {
 
-/* Wipes n bytes at p. explicit_bzero is a memset the compiler may not
- * drop, at memset's speed (it sits on the command path). */
-inline void wipe(void* p, size_t n) {
-  if (p != nullptr && n > 0) ::explicit_bzero(p, n);
-}
+/* Wipes n bytes at p with the project's one wipe (a store the compiler may
+ * not drop, at memset's speed: it sits on the command path). */
+inline void wipe(void* p, size_t n) { tessera_secure_wipe(p, n); }
 
 /* A fixed-size secret. */
 template <size_t N>

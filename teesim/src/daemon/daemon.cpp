@@ -1,3 +1,4 @@
+/* The daemon's event loop: clients, TA instances and the sessions between them. */
 #include "daemon/daemon.h"
 
 #include <fcntl.h>
@@ -24,7 +25,6 @@
 #include "daemon/identity.h"
 #include "daemon/keys.h"
 #include "runtime/runtime.h"
-#include "tee_client_api.h"
 #include "teesim/channel.h"
 #include "teesim/uuid.h"
 #include "teesim/wire.h"
@@ -178,7 +178,7 @@ class Daemon {
   void on_open_reply(Instance& in, uint32_t tag, const wire::HostOpenReply& r);
   void maybe_retire(Instance& in);
   void instance_gone(Instance& in);
-  void answer_open(uint64_t client_id, uint32_t tag, uint32_t result, uint32_t origin,
+  void answer_open(uint64_t client_id, uint32_t tag, uint32_t result, wire::Origin origin,
                    uint32_t session_id, const wire::Params* params, UniqueFd channel);
   template <typename M>
   void send(Conn& c, uint32_t tag, const M& msg, std::vector<UniqueFd> fds = {}, bool secret = false);
@@ -430,15 +430,15 @@ void Daemon::open_session(Client& c, const wire::Frame& f, FdList& fds) {
   /* Counted until answered; every answer, refusals included, uncounts it. */
   ++c.pending_opens;
   auto refuse = [&](uint32_t result) {
-    answer_open(c.id, f.tag, result, TEEC_ORIGIN_TEE, 0, nullptr, UniqueFd());
+    answer_open(c.id, f.tag, result, wire::Origin::Tee, 0, nullptr, UniqueFd());
   };
-  if (stopping_) return refuse(TEEC_ERROR_BUSY);
-  if (c.pending_opens > kMaxPendingOpensPerClient) return refuse(TEEC_ERROR_BUSY);
+  if (stopping_) return refuse(TEE_ERROR_BUSY);
+  if (c.pending_opens > kMaxPendingOpensPerClient) return refuse(TEE_ERROR_BUSY);
   Uuid identity;
   uint32_t r = client_identity(msg.login, msg.has_group, msg.group, c.creds, &identity);
-  if (r != TEEC_SUCCESS) {
+  if (r != TEE_SUCCESS) {
     TS_LOG_INFO("client pid %d: login 0x%x refused (0x%08x)", static_cast<int>(c.creds.pid),
-                msg.login, r);
+                static_cast<uint32_t>(msg.login), r);
     return refuse(r);
   }
   const std::string ta_text = uuid_to_string(msg.ta);
@@ -447,7 +447,7 @@ void Daemon::open_session(Client& c, const wire::Frame& f, FdList& fds) {
   if (::stat(path.c_str(), &sb) != 0 || !S_ISREG(sb.st_mode)) {
     TS_LOG_INFO("client pid %d asked for TA %s, which is not installed in %s",
                 static_cast<int>(c.creds.pid), ta_text.c_str(), settings_.ta_dir.c_str());
-    return refuse(TEEC_ERROR_ITEM_NOT_FOUND);
+    return refuse(TEE_ERROR_ITEM_NOT_FOUND);
   }
 
   PendingOpen p;
@@ -461,7 +461,7 @@ void Daemon::open_session(Client& c, const wire::Frame& f, FdList& fds) {
   host_open.login = msg.login;
   host_open.client_id = identity;
   host_open.params = msg.params;
-  if (wire::encode(p.host_open, 0, host_open) != wire::Status::Ok) return refuse(TEEC_ERROR_BAD_PARAMETERS);
+  if (wire::encode(p.host_open, 0, host_open) != wire::Status::Ok) return refuse(TEE_ERROR_BAD_PARAMETERS);
   for (size_t i = 0; i < fds.count; ++i) p.shm_fds.push_back(std::move(fds.fds[i]));
   fds.count = 0;
   TS_LOG_DEBUG("client pid %d opens session %u with TA %s", static_cast<int>(c.creds.pid),
@@ -500,7 +500,7 @@ void Daemon::route(PendingOpen p) {
   }
   Instance* in = spawn(p.ta);
   if (in == nullptr) {
-    answer_open(p.client_id, p.tag, TEEC_ERROR_GENERIC, TEEC_ORIGIN_TEE, 0, nullptr, UniqueFd());
+    answer_open(p.client_id, p.tag, TEE_ERROR_GENERIC, wire::Origin::Tee, 0, nullptr, UniqueFd());
     return;
   }
   in->queued.push_back(std::move(p));
@@ -603,7 +603,7 @@ void Daemon::dispatch(Instance& in, PendingOpen p) {
   UniqueFd client_end, host_end;
   if (make_stream_channel(&client_end, &host_end) != 0) {
     TS_LOG_ERROR("cannot make a session channel: %s", std::strerror(errno));
-    answer_open(p.client_id, p.tag, TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_TEE, 0, nullptr, UniqueFd());
+    answer_open(p.client_id, p.tag, TEE_ERROR_OUT_OF_MEMORY, wire::Origin::Tee, 0, nullptr, UniqueFd());
     return;
   }
   std::vector<UniqueFd> fds;
@@ -654,7 +654,7 @@ void Daemon::on_instance_frame(Instance& in, const wire::Frame& f, FdList& fds) 
 }
 
 void Daemon::on_init_reply(Instance& in, const wire::HostInitReply& r) {
-  if (r.result != TEEC_SUCCESS) {
+  if (r.result != TEE_SUCCESS) {
     TS_LOG_ERROR("cannot start TA %s: %s", in.ta_text.c_str(), r.error.c_str());
     in.state = Instance::State::Retiring;
     children_[in.pid].retiring = true;
@@ -698,7 +698,7 @@ void Daemon::on_open_reply(Instance& in, uint32_t, const wire::HostOpenReply& r)
   PendingOpen p = std::move(it->second);
   dispatched_.erase(it);
   if (in.dispatched > 0) --in.dispatched;
-  if (r.result == TEEC_SUCCESS) {
+  if (r.result == TEE_SUCCESS) {
     ++in.sessions;
     answer_open(p.client_id, p.tag, r.result, r.origin, r.session_id, &r.params,
                 std::move(p.client_end));
@@ -708,7 +708,7 @@ void Daemon::on_open_reply(Instance& in, uint32_t, const wire::HostOpenReply& r)
   maybe_retire(in);
 }
 
-void Daemon::answer_open(uint64_t client_id, uint32_t tag, uint32_t result, uint32_t origin,
+void Daemon::answer_open(uint64_t client_id, uint32_t tag, uint32_t result, wire::Origin origin,
                          uint32_t session_id, const wire::Params* params, UniqueFd channel) {
   Client* c = client(client_id);
   if (c == nullptr) return; /* gone: dropping the channel closes the session */
@@ -716,10 +716,10 @@ void Daemon::answer_open(uint64_t client_id, uint32_t tag, uint32_t result, uint
   wire::OpenSessionReply reply;
   reply.result = result;
   reply.origin = origin;
-  reply.session_id = result == TEEC_SUCCESS ? session_id : 0;
+  reply.session_id = result == TEE_SUCCESS ? session_id : 0;
   if (params != nullptr) reply.params = *params;
   std::vector<UniqueFd> fds;
-  if (result == TEEC_SUCCESS) fds.push_back(std::move(channel));
+  if (result == TEE_SUCCESS) fds.push_back(std::move(channel));
   send(*c, tag, reply, std::move(fds), /*secret=*/params != nullptr);
 }
 
@@ -799,7 +799,7 @@ void Daemon::instance_gone(Instance& in) {
   /* Whatever was on its way to this instance will never be answered. */
   for (auto it = dispatched_.begin(); it != dispatched_.end();) {
     if (it->second.instance_id == in.id) {
-      answer_open(it->second.client_id, it->second.tag, TEEC_ERROR_TARGET_DEAD, TEEC_ORIGIN_TEE, 0,
+      answer_open(it->second.client_id, it->second.tag, TEE_ERROR_TARGET_DEAD, wire::Origin::Tee, 0,
                   nullptr, UniqueFd());
       it = dispatched_.erase(it);
     } else {
@@ -809,7 +809,7 @@ void Daemon::instance_gone(Instance& in) {
   std::deque<PendingOpen> queued = std::move(in.queued);
   in.queued.clear();
   for (PendingOpen& p : queued)
-    answer_open(p.client_id, p.tag, TEEC_ERROR_TARGET_DEAD, TEEC_ORIGIN_TEE, 0, nullptr, UniqueFd());
+    answer_open(p.client_id, p.tag, TEE_ERROR_TARGET_DEAD, wire::Origin::Tee, 0, nullptr, UniqueFd());
   auto range = instances_by_ta_.equal_range(in.ta);
   for (auto it = range.first; it != range.second; ++it) {
     if (it->second == in.id) {

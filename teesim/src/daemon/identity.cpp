@@ -1,3 +1,4 @@
+/* Client identities by login method, from the socket peer's credentials. */
 #include "daemon/identity.h"
 
 #include <openssl/evp.h>
@@ -8,11 +9,13 @@
 #include <cerrno>
 #include <climits>
 
-#include "tee_client_api.h"
+#include "tee_internal_api.h"
 
 namespace teesim::daemon {
 
 namespace {
+
+using wire::Login;
 
 /* The namespace of teesim client identities (a fixed random UUID). */
 constexpr uint8_t kNamespace[16] = {0x3c, 0x5e, 0x0b, 0x9a, 0x61, 0x4f, 0x4d, 0x22,
@@ -56,42 +59,42 @@ Uuid name_uuid(const std::string& name) {
   return u;
 }
 
-uint32_t client_identity(uint32_t login, bool has_group, uint32_t group,
+uint32_t client_identity(Login login, bool has_group, uint32_t group,
                          const PeerCredentials& peer, Uuid* identity) {
   const std::string uid = "uid:" + std::to_string(peer.uid);
   const std::string gid = "gid:" + std::to_string(group);
   const std::string app = "app:" + peer.exe;
-  const bool needs_group = login == TEEC_LOGIN_GROUP || login == TEEC_LOGIN_GROUP_APPLICATION;
-  const bool needs_app = login == TEEC_LOGIN_APPLICATION || login == TEEC_LOGIN_USER_APPLICATION ||
-                         login == TEEC_LOGIN_GROUP_APPLICATION;
+  const bool needs_group = login == Login::Group || login == Login::GroupApplication;
+  const bool needs_app = login == Login::Application || login == Login::UserApplication ||
+                         login == Login::GroupApplication;
   switch (login) {
-    case TEEC_LOGIN_PUBLIC:
-    case TEEC_LOGIN_USER:
-    case TEEC_LOGIN_GROUP:
-    case TEEC_LOGIN_APPLICATION:
-    case TEEC_LOGIN_USER_APPLICATION:
-    case TEEC_LOGIN_GROUP_APPLICATION:
+    case Login::Public:
+    case Login::User:
+    case Login::Group:
+    case Login::Application:
+    case Login::UserApplication:
+    case Login::GroupApplication:
       break;
     default:
-      return TEEC_ERROR_BAD_PARAMETERS;
+      return TEE_ERROR_BAD_PARAMETERS;
   }
   if (needs_group) {
-    if (!has_group) return TEEC_ERROR_BAD_PARAMETERS;
+    if (!has_group) return TEE_ERROR_BAD_PARAMETERS;
     bool member = peer.gid == group ||
                   std::find(peer.groups.begin(), peer.groups.end(), static_cast<gid_t>(group)) !=
                       peer.groups.end();
-    if (!member) return TEEC_ERROR_ACCESS_DENIED;
+    if (!member) return TEE_ERROR_ACCESS_DENIED;
   }
-  if (needs_app && peer.exe.empty()) return TEEC_ERROR_ACCESS_DENIED;
+  if (needs_app && peer.exe.empty()) return TEE_ERROR_ACCESS_DENIED;
   switch (login) {
-    case TEEC_LOGIN_PUBLIC: *identity = Uuid{}; break;
-    case TEEC_LOGIN_USER: *identity = name_uuid(uid); break;
-    case TEEC_LOGIN_GROUP: *identity = name_uuid(gid); break;
-    case TEEC_LOGIN_APPLICATION: *identity = name_uuid(app); break;
-    case TEEC_LOGIN_USER_APPLICATION: *identity = name_uuid(uid + "|" + app); break;
+    case Login::Public: *identity = Uuid{}; break;
+    case Login::User: *identity = name_uuid(uid); break;
+    case Login::Group: *identity = name_uuid(gid); break;
+    case Login::Application: *identity = name_uuid(app); break;
+    case Login::UserApplication: *identity = name_uuid(uid + "|" + app); break;
     default: *identity = name_uuid(gid + "|" + app); break;
   }
-  return TEEC_SUCCESS;
+  return TEE_SUCCESS;
 }
 
 }  // namespace teesim::daemon

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "teesim/uuid.h"
+#include "teesim/wire.h"
 
 namespace teesim::daemon {
 
@@ -32,11 +33,11 @@ struct PeerCredentials {
 Uuid name_uuid(const std::string& name);
 
 /* Computes the client identity for a login method.
- * Returns 0 (TEEC_SUCCESS), TEEC_ERROR_BAD_PARAMETERS for an unknown method
- * or a group login without a group, TEEC_ERROR_ACCESS_DENIED when the client
- * is not in the group it names or its executable is unknown.
+ * Returns TEE_SUCCESS, TEE_ERROR_BAD_PARAMETERS for an unknown method or a
+ * group login without a group, TEE_ERROR_ACCESS_DENIED when the client is
+ * not in the group it names or its executable is unknown.
  * Out: identity (the nil UUID for a public login). */
-uint32_t client_identity(uint32_t login, bool has_group, uint32_t group,
+uint32_t client_identity(wire::Login login, bool has_group, uint32_t group,
                          const PeerCredentials& peer, Uuid* identity);
 
 }  // namespace teesim::daemon

@@ -1,3 +1,4 @@
+/* Client identities for each login method, and the refusals. */
 #include "daemon/identity.h"
 
 #include <sys/socket.h>
@@ -5,10 +6,12 @@
 
 #include <gtest/gtest.h>
 
-#include "tee_client_api.h"
+#include "tee_internal_api.h"
 
 namespace teesim::daemon {
 namespace {
+
+using wire::Login;
 
 PeerCredentials sample() {
   PeerCredentials p;
@@ -31,13 +34,13 @@ TEST(Identity, NameUuidsAreVersion5AndStable) {
 TEST(Identity, EachLoginMethodNamesTheClientDifferently) {
   PeerCredentials p = sample();
   Uuid pub, user, group, app, user_app, group_app;
-  ASSERT_EQ(client_identity(TEEC_LOGIN_PUBLIC, false, 0, p, &pub), TEEC_SUCCESS);
+  ASSERT_EQ(client_identity(Login::Public, false, 0, p, &pub), TEE_SUCCESS);
   EXPECT_EQ(pub, Uuid{});
-  ASSERT_EQ(client_identity(TEEC_LOGIN_USER, false, 0, p, &user), TEEC_SUCCESS);
-  ASSERT_EQ(client_identity(TEEC_LOGIN_GROUP, true, 100, p, &group), TEEC_SUCCESS);
-  ASSERT_EQ(client_identity(TEEC_LOGIN_APPLICATION, false, 0, p, &app), TEEC_SUCCESS);
-  ASSERT_EQ(client_identity(TEEC_LOGIN_USER_APPLICATION, false, 0, p, &user_app), TEEC_SUCCESS);
-  ASSERT_EQ(client_identity(TEEC_LOGIN_GROUP_APPLICATION, true, 1000, p, &group_app), TEEC_SUCCESS);
+  ASSERT_EQ(client_identity(Login::User, false, 0, p, &user), TEE_SUCCESS);
+  ASSERT_EQ(client_identity(Login::Group, true, 100, p, &group), TEE_SUCCESS);
+  ASSERT_EQ(client_identity(Login::Application, false, 0, p, &app), TEE_SUCCESS);
+  ASSERT_EQ(client_identity(Login::UserApplication, false, 0, p, &user_app), TEE_SUCCESS);
+  ASSERT_EQ(client_identity(Login::GroupApplication, true, 1000, p, &group_app), TEE_SUCCESS);
   std::set<Uuid> all = {pub, user, group, app, user_app, group_app};
   EXPECT_EQ(all.size(), 6u);
   EXPECT_EQ(user, name_uuid("uid:1000"));
@@ -46,11 +49,11 @@ TEST(Identity, EachLoginMethodNamesTheClientDifferently) {
 TEST(Identity, GroupLoginsNeedMembershipAndUnknownMethodsAreRefused) {
   PeerCredentials p = sample();
   Uuid id;
-  EXPECT_EQ(client_identity(TEEC_LOGIN_GROUP, false, 0, p, &id), TEEC_ERROR_BAD_PARAMETERS);
-  EXPECT_EQ(client_identity(TEEC_LOGIN_GROUP, true, 4242, p, &id), TEEC_ERROR_ACCESS_DENIED);
-  EXPECT_EQ(client_identity(0x7, false, 0, p, &id), TEEC_ERROR_BAD_PARAMETERS);
+  EXPECT_EQ(client_identity(Login::Group, false, 0, p, &id), TEE_ERROR_BAD_PARAMETERS);
+  EXPECT_EQ(client_identity(Login::Group, true, 4242, p, &id), TEE_ERROR_ACCESS_DENIED);
+  EXPECT_EQ(client_identity(static_cast<Login>(0x7), false, 0, p, &id), TEE_ERROR_BAD_PARAMETERS);
   p.exe.clear();
-  EXPECT_EQ(client_identity(TEEC_LOGIN_APPLICATION, false, 0, p, &id), TEEC_ERROR_ACCESS_DENIED);
+  EXPECT_EQ(client_identity(Login::Application, false, 0, p, &id), TEE_ERROR_ACCESS_DENIED);
 }
 
 TEST(Identity, PeerCredentialsOfASocketPair) {

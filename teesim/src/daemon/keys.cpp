@@ -1,3 +1,4 @@
+/* The installation key and the keys derived from it per TA; see keys.h. */
 #include "daemon/keys.h"
 
 #include <fcntl.h>

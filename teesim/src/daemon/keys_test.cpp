@@ -1,3 +1,4 @@
+/* The installation key: made once, private, refused when others may read it. */
 #include "daemon/keys.h"
 
 #include <stdlib.h>
@@ -9,18 +10,16 @@
 #include <cstdio>
 #include <string>
 
+#include "teesim/testing/temp_folder.h"
+
 namespace teesim::daemon {
 namespace {
 
 class KeysTest : public ::testing::Test {
  protected:
-  KeysTest() {
-    char tmpl[] = "/tmp/teesim-keys-XXXXXX";
-    dir_ = ::mkdtemp(tmpl);
-  }
-  ~KeysTest() override { std::system(("rm -rf '" + dir_ + "'").c_str()); }
   std::string key_path() const { return dir_ + "/" + kInstallationKeyFile; }
-  std::string dir_;
+  ::teesim::testing::TempFolder folder_{"teesim-keys"};
+  const std::string dir_ = folder_.path();
 };
 
 TEST_F(KeysTest, MadeOnceOwnerOnlyThenReadBack) {

@@ -3,10 +3,12 @@
  * that make one daemon per socket and per storage folder, loads or makes the
  * installation key, binds the socket and hands over to the event loop.
  * In the background the command returns only once the socket accepts
- * clients, or with the reason it could not.
+ * clients, or with the reason it could not; in the foreground it tells a
+ * service manager the same through sd_notify (Type=notify units).
  */
 #include <dirent.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <limits.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -15,12 +17,14 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "common/fs.h"
 #include "common/log.h"
@@ -102,7 +106,23 @@ Failure check_socket_dir(const std::string& dir) {
   return {};
 }
 
-Failure bind_socket(const std::string& path, UniqueFd* out) {
+/* The group whose members may connect, by name. */
+Failure resolve_group(const std::string& name, gid_t* out) {
+  long n = ::sysconf(_SC_GETGR_R_SIZE_MAX);
+  std::vector<char> buf(n > 0 ? static_cast<size_t>(n) : 16384);
+  group gr{};
+  group* found = nullptr;
+  int e = ::getgrnam_r(name.c_str(), &gr, buf.data(), buf.size(), &found);
+  if (e != 0) return fail(kExitUsage, "cannot look up the group " + name + ": " + errno_text(e));
+  if (found == nullptr) return fail(kExitUsage, "--socket-group: no group named " + name);
+  *out = found->gr_gid;
+  return {};
+}
+
+/* Binds and listens. With a group, the socket file gets that group and mode
+ * 0660 before listen(), so no client connects while it is still private. */
+Failure bind_socket(const std::string& path, const std::string& group_name, gid_t group,
+                    UniqueFd* out) {
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
   if (path.size() >= sizeof addr.sun_path)
@@ -130,6 +150,17 @@ Failure bind_socket(const std::string& path, UniqueFd* out) {
   if (r != 0) {
     if (e == EADDRINUSE) return fail(kExitAlreadyRunning, "socket " + path + " is already in use");
     return fail(kExitUsage, "cannot bind " + path + ": " + errno_text(e));
+  }
+  if (!group_name.empty()) {
+    struct stat bound{};
+    if (::lstat(path.c_str(), &bound) != 0)
+      return fail(kExitFailure, "cannot inspect " + path + ": " + errno_text(errno));
+    /* Only a change needs the right to chown (a member, or root). */
+    if (bound.st_gid != group && ::lchown(path.c_str(), static_cast<uid_t>(-1), group) != 0)
+      return fail(kExitUsage, "cannot give the socket " + path + " to the group " + group_name +
+                                  ": " + errno_text(errno) + " (the daemon must belong to it)");
+    if (::chmod(path.c_str(), 0660) != 0)
+      return fail(kExitUsage, "cannot open the socket " + path + " to its group: " + errno_text(errno));
   }
   if (::listen(fd.get(), 64) != 0) return fail(kExitFailure, "cannot listen on " + path + ": " + errno_text(errno));
   *out = std::move(fd);
@@ -174,12 +205,18 @@ Failure tidy_storage(const std::string& storage, const Options& o) {
   return {};
 }
 
+/* The TA host: at its installed place in an installed layout, else beside
+ * the teesim executable (the build tree). */
 std::string host_executable() {
+#ifdef TEESIM_INSTALLED_HOST
+  return TEESIM_INSTALLED_HOST;
+#else
   char self[PATH_MAX];
   ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
   if (n <= 0) return "teesim-tahost";
   self[n] = '\0';
   return paths::parent_dir(self) + "/teesim-tahost";
+#endif
 }
 
 /* Everything between the options and the event loop. Fills settings and
@@ -211,8 +248,8 @@ Failure prepare(const Options& o, Settings* settings, UniqueFd* listener, Unique
 
   settings->host_path = host_executable();
   if (::access(settings->host_path.c_str(), X_OK) != 0)
-    return fail(kExitUsage, "cannot run " + settings->host_path + " (" + errno_text(errno) +
-                                "); it belongs beside the teesim executable");
+    return fail(kExitUsage, "cannot run the TA host " + settings->host_path + " (" +
+                                errno_text(errno) + ")");
   settings->emulator = o.emulator;
 
   f = take_lock(*socket_path + ".lock", "another teesim already serves " + *socket_path,
@@ -228,7 +265,12 @@ Failure prepare(const Options& o, Settings* settings, UniqueFd* listener, Unique
     return fail(kExitUsage, "installation key: " + why);
   f = tidy_storage(settings->storage_dir, o);
   if (f.failed()) return f;
-  return bind_socket(*socket_path, listener);
+  gid_t group = 0;
+  if (!o.socket_group.empty()) {
+    f = resolve_group(o.socket_group, &group);
+    if (f.failed()) return f;
+  }
+  return bind_socket(*socket_path, o.socket_group, group, listener);
 }
 
 /* The background handshake: the parent waits on a pipe for one status byte
@@ -289,9 +331,12 @@ int run(int argc, char** argv) {
                  "teesim: WARNING: every key and secret a TA makes is predictable. Tests only!\n");
   }
 
-  /* In the background, the process that reports to the user waits here. */
+  /* In the background, the process that reports to the user waits here.
+   * Such a daemon outlives whoever started it, so it tells no service
+   * manager anything: that is the foreground's job. */
   int status_fd = -1;
   if (!o.foreground) {
+    ::unsetenv("NOTIFY_SOCKET");
     int p[2];
     if (::pipe2(p, O_CLOEXEC) != 0) {
       std::fprintf(stderr, "teesim: cannot make a pipe: %s\n", std::strerror(errno));
@@ -355,6 +400,12 @@ int run(int argc, char** argv) {
   TS_LOG_INFO("teesim %s serving %s (TAs from %s, storage in %s)", TEESIM_VERSION,
               socket_path.c_str(), settings.ta_dir.c_str(), settings.storage_dir.c_str());
 
+  if (o.foreground) {
+    /* A service manager that started us (NOTIFY_SOCKET) learns that the
+     * socket accepts clients; the variable goes, so TA hosts never see it. */
+    std::string status = "STATUS=serving " + socket_path;
+    (void)::sd_notify(1, ("READY=1\n" + status).c_str());
+  }
   if (status_fd >= 0) {
     (void)redirect(STDIN_FILENO, "/dev/null", O_RDONLY);
     (void)redirect(STDOUT_FILENO, "/dev/null", O_WRONLY);

@@ -1,3 +1,4 @@
+/* The daemon's command line and its --help text. */
 #include "daemon/options.h"
 
 #include <getopt.h>
@@ -11,10 +12,11 @@ namespace teesim::daemon {
 
 namespace {
 
-enum LongOnly { kLogFile = 256, kRandomSeed, kWipeStorage, kVersion, kEmulator };
+enum LongOnly { kLogFile = 256, kRandomSeed, kWipeStorage, kVersion, kSocketGroup, kEmulator };
 
 const option kOptions[] = {
     {"socket", required_argument, nullptr, 's'},
+    {"socket-group", required_argument, nullptr, kSocketGroup},
     {"ta-dir", required_argument, nullptr, 't'},
     {"storage-dir", required_argument, nullptr, 'd'},
     {"foreground", no_argument, nullptr, 'f'},
@@ -41,8 +43,11 @@ std::string usage(const char* program) {
          "  -s, --socket PATH        Unix socket to serve (default: $TEESIM_SOCKET, else\n"
          "                           /run/teesim/teesim.sock as root, $XDG_RUNTIME_DIR/teesim.sock,\n"
          "                           or /tmp/teesim-<uid>/teesim.sock)\n"
+         "      --socket-group GROUP let the members of GROUP connect: the socket gets this\n"
+         "                           group and mode 0660 (default: this user only)\n"
          "  -t, --ta-dir DIR         folder of the TAs, one <uuid>.ta per TA with an optional\n"
-         "                           <uuid>.props (default: $TEESIM_TA_DIR, else the build's TA folder)\n"
+         "                           <uuid>.props (default: $TEESIM_TA_DIR, else the TA folder of this build\n"
+         "                           or installation)\n"
          "  -d, --storage-dir DIR    folder of the installation key and the TAs' persistent\n"
          "                           objects (default: $TEESIM_STORAGE_DIR, else /var/lib/teesim as\n"
          "                           root or ${XDG_DATA_HOME:-~/.local/share}/teesim)\n"
@@ -78,6 +83,13 @@ bool parse_options(int argc, char** argv, Options* out, std::string* error) {
   while ((c = ::getopt_long(argc, argv, ":s:t:d:fbl:h", kOptions, nullptr)) != -1) {
     switch (c) {
       case 's': o.socket_path = ::optarg; break;
+      case kSocketGroup:
+        if (::optarg[0] == '\0') {
+          *error = "--socket-group needs a group name";
+          return false;
+        }
+        o.socket_group = ::optarg;
+        break;
       case 't': o.ta_dir = ::optarg; break;
       case 'd': o.storage_dir = ::optarg; break;
       case 'f': o.foreground = true; break;

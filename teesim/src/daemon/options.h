@@ -17,6 +17,7 @@ inline constexpr int kExitAlreadyRunning = 3; /* another teesim serves the socke
 
 struct Options {
   std::string socket_path;
+  std::string socket_group;      /* empty: socket mode 0600; else mode 0660 and this group */
   std::string ta_dir;
   std::string storage_dir;
   bool foreground = false;
@@ -31,7 +32,7 @@ struct Options {
 };
 
 /* Parses argv (argv[0] is the program). Unset folders take the defaults of
- * teesim/paths.h (environment, then built-in).
+ * teesim/paths.h (environment, then per-user or built-in defaults).
  * Returns true and fills `out`, or false with a one-line reason in `error`. */
 [[nodiscard]] bool parse_options(int argc, char** argv, Options* out, std::string* error);
 

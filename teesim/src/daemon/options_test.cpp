@@ -1,3 +1,4 @@
+/* The daemon's options, their defaults and the explanations of mistakes. */
 #include "daemon/options.h"
 
 #include <stdlib.h>
@@ -21,12 +22,13 @@ bool parse(std::vector<std::string> args, Options* o, std::string* err) {
 TEST(DaemonOptions, EveryOptionIsRead) {
   Options o;
   std::string err;
-  ASSERT_TRUE(parse({"-s", "/tmp/x.sock", "--ta-dir", "/opt/ta", "-d", "/var/s", "-f", "-l", "debug",
+  ASSERT_TRUE(parse({"-s", "/tmp/x.sock", "--socket-group", "teesim", "--ta-dir", "/opt/ta", "-d", "/var/s", "-f", "-l", "debug",
                      "--log-file", "/tmp/log", "--random-seed", "abc", "--wipe-storage",
                      "58D50001-1105-000B-AF0C-C12FB6EDECCA", "--wipe-storage", "all"},
                     &o, &err))
       << err;
   EXPECT_EQ(o.socket_path, "/tmp/x.sock");
+  EXPECT_EQ(o.socket_group, "teesim");
   EXPECT_EQ(o.ta_dir, "/opt/ta");
   EXPECT_EQ(o.storage_dir, "/var/s");
   EXPECT_TRUE(o.foreground);
@@ -89,11 +91,20 @@ TEST(DaemonOptions, MistakesAreExplained) {
   EXPECT_NE(err.find("--bogus"), std::string::npos) << err;
   EXPECT_FALSE(parse({"extra"}, &o, &err));
   EXPECT_NE(err.find("extra"), std::string::npos) << err;
+  EXPECT_FALSE(parse({"--socket-group", ""}, &o, &err));
+  EXPECT_NE(err.find("--socket-group"), std::string::npos) << err;
+}
+
+TEST(DaemonOptions, TheSocketIsPrivateUnlessAGroupIsNamed) {
+  Options o;
+  std::string err;
+  ASSERT_TRUE(parse({}, &o, &err)) << err;
+  EXPECT_EQ(o.socket_group, "");
 }
 
 TEST(DaemonOptions, HelpNamesEveryOption) {
   std::string text = usage("teesim");
-  for (const char* opt : {"--socket", "--ta-dir", "--storage-dir", "--foreground", "--background",
+  for (const char* opt : {"--socket", "--socket-group", "--ta-dir", "--storage-dir", "--foreground", "--background",
                           "--log-level", "--log-file", "--random-seed", "--wipe-storage", "--help"})
     EXPECT_NE(text.find(opt), std::string::npos) << opt;
 }

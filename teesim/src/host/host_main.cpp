@@ -31,7 +31,6 @@
 #include "host/operation.h"
 #include "runtime/properties.h"
 #include "runtime/runtime.h"
-#include "tee_client_api.h"
 #include "teesim/channel.h"
 #include "teesim/wire.h"
 #include "teesim_ta.h"
@@ -53,6 +52,15 @@ std::atomic<int> g_sessions{0};
 class Session;
 /* Sessions whose close entry point has not run yet; guarded by g_ta_mutex. */
 std::set<Session*> g_live;
+
+/* The login method as the TA reads it (TEE_LOGIN_*): the same numbers. */
+static_assert(static_cast<uint32_t>(wire::Login::Public) == TEE_LOGIN_PUBLIC);
+static_assert(static_cast<uint32_t>(wire::Login::User) == TEE_LOGIN_USER);
+static_assert(static_cast<uint32_t>(wire::Login::Group) == TEE_LOGIN_GROUP);
+static_assert(static_cast<uint32_t>(wire::Login::Application) == TEE_LOGIN_APPLICATION);
+static_assert(static_cast<uint32_t>(wire::Login::UserApplication) == TEE_LOGIN_APPLICATION_USER);
+static_assert(static_cast<uint32_t>(wire::Login::GroupApplication) == TEE_LOGIN_APPLICATION_GROUP);
+uint32_t tee_login(wire::Login login) { return static_cast<uint32_t>(login); }
 
 [[noreturn]] void die(const char* why) {
   TS_LOG_ERROR("TA instance stops: %s", why);
@@ -179,7 +187,7 @@ class Session {
     if (res != TEE_SUCCESS) {
       TS_LOG_WARN("session %u: command 0x%x refused: %s", id_, inv.command, why.c_str());
       reply.result = res;
-      reply.origin = TEEC_ORIGIN_TEE;
+      reply.origin = wire::Origin::Tee;
       for (int i = 0; i < 4; ++i) reply.params[i].kind = inv.params[i].kind;
     } else {
       {
@@ -188,7 +196,7 @@ class Session {
         res = g_ta->invoke_command(ta_context_, inv.command, op_.param_types(), op_.ta_params());
       }
       reply.result = res;
-      reply.origin = TEEC_ORIGIN_TRUSTED_APP;
+      reply.origin = wire::Origin::TrustedApp;
       op_.finish(&reply.params);
     }
     wire::Status st = wire::encode(send_, tag, reply);
@@ -222,7 +230,7 @@ class Session {
 
 struct LoadError {
   TEE_Result result = TEE_SUCCESS;
-  uint32_t origin = TEEC_ORIGIN_TEE;
+  wire::Origin origin = wire::Origin::Tee;
   std::string message;
 };
 
@@ -235,13 +243,13 @@ bool load_properties(const std::string& ta_path, std::map<std::string, std::stri
   int r = fs::read_file(path, kMaxPropertiesFile, &text);
   if (r == -ENOENT) return true;
   if (r != 0) {
-    err->result = TEEC_ERROR_BAD_FORMAT;
+    err->result = TEE_ERROR_BAD_FORMAT;
     err->message = "cannot read " + path + ": " + std::strerror(-r);
     return false;
   }
   std::string why;
   if (!runtime::parse_properties(std::string(text.begin(), text.end()), props, &why)) {
-    err->result = TEEC_ERROR_BAD_FORMAT;
+    err->result = TEE_ERROR_BAD_FORMAT;
     err->message = path + ": " + why;
     return false;
   }
@@ -251,19 +259,19 @@ bool load_properties(const std::string& ta_path, std::map<std::string, std::stri
 bool load_ta(const wire::HostInit& init, LoadError* err) {
   void* lib = ::dlopen(init.ta_path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (lib == nullptr) {
-    err->result = TEEC_ERROR_BAD_FORMAT;
+    err->result = TEE_ERROR_BAD_FORMAT;
     const char* e = ::dlerror();
     err->message = std::string("cannot load the TA: ") + (e != nullptr ? e : "unknown error");
     return false;
   }
   auto* d = static_cast<const teesim_ta_descriptor*>(::dlsym(lib, TEESIM_TA_DESCRIPTOR_SYMBOL));
   if (d == nullptr) {
-    err->result = TEEC_ERROR_BAD_FORMAT;
+    err->result = TEE_ERROR_BAD_FORMAT;
     err->message = "the TA exports no " TEESIM_TA_DESCRIPTOR_SYMBOL;
     return false;
   }
   if (d->abi_version != TEESIM_TA_ABI_VERSION) {
-    err->result = TEEC_ERROR_BAD_FORMAT;
+    err->result = TEE_ERROR_BAD_FORMAT;
     err->message = "the TA was built for descriptor version " + std::to_string(d->abi_version) +
                    ", this teesim loads version " + std::to_string(TEESIM_TA_ABI_VERSION);
     return false;
@@ -271,14 +279,14 @@ bool load_ta(const wire::HostInit& init, LoadError* err) {
   Uuid declared = uuid_from_fields(d->uuid.timeLow, d->uuid.timeMid, d->uuid.timeHiAndVersion,
                                    d->uuid.clockSeqAndNode);
   if (declared != init.ta) {
-    err->result = TEEC_ERROR_BAD_FORMAT;
+    err->result = TEE_ERROR_BAD_FORMAT;
     err->message = "the TA declares UUID " + uuid_to_string(declared) + ", not the " +
                    uuid_to_string(init.ta) + " of its file name";
     return false;
   }
   if (d->name == nullptr || d->create == nullptr || d->destroy == nullptr ||
       d->open_session == nullptr || d->close_session == nullptr || d->invoke_command == nullptr) {
-    err->result = TEEC_ERROR_BAD_FORMAT;
+    err->result = TEE_ERROR_BAD_FORMAT;
     err->message = "the TA descriptor lacks a name or an entry point";
     return false;
   }
@@ -289,7 +297,7 @@ bool load_ta(const wire::HostInit& init, LoadError* err) {
 void reply_init(const LoadError& err) {
   wire::HostInitReply reply;
   reply.result = err.result;
-  reply.origin = err.result == TEE_SUCCESS ? TEEC_ORIGIN_TRUSTED_APP : err.origin;
+  reply.origin = err.result == TEE_SUCCESS ? wire::Origin::TrustedApp : err.origin;
   if (g_ta != nullptr) {
     reply.ta_flags = g_ta->flags;
     reply.name.assign(g_ta->name, strnlen(g_ta->name, 64));
@@ -313,19 +321,19 @@ void open_session(uint32_t tag, const wire::HostOpen& msg, FdList& fds) {
   if (res != TEE_SUCCESS) {
     TS_LOG_WARN("session %u: open refused: %s", msg.session_id, why.c_str());
     reply.result = res;
-    reply.origin = TEEC_ORIGIN_TEE;
+    reply.origin = wire::Origin::Tee;
     for (int i = 0; i < 4; ++i) reply.params[i].kind = msg.params[i].kind;
   } else {
     std::lock_guard<std::mutex> lock(g_ta_mutex);
     if (!(g_ta->flags & TEESIM_TA_FLAG_MULTI_SESSION) && g_sessions.load() > 0) {
-      reply.result = TEEC_ERROR_BUSY;
-      reply.origin = TEEC_ORIGIN_TEE;
+      reply.result = TEE_ERROR_BUSY;
+      reply.origin = wire::Origin::Tee;
       for (int i = 0; i < 4; ++i) reply.params[i].kind = msg.params[i].kind;
     } else {
-      runtime::set_current_client(msg.login, msg.client_id);
+      runtime::set_current_client(tee_login(msg.login), msg.client_id);
       res = g_ta->open_session(op.param_types(), op.ta_params(), &ta_context);
       reply.result = res;
-      reply.origin = TEEC_ORIGIN_TRUSTED_APP;
+      reply.origin = wire::Origin::TrustedApp;
       op.finish(&reply.params);
       if (res == TEE_SUCCESS) ++g_sessions;
     }
@@ -341,7 +349,7 @@ void open_session(uint32_t tag, const wire::HostOpen& msg, FdList& fds) {
       die("lost the daemon");
   }
   if (reply.result == TEE_SUCCESS) {
-    auto* s = new Session(msg.session_id, std::move(channel), msg.login, msg.client_id, ta_context,
+    auto* s = new Session(msg.session_id, std::move(channel), tee_login(msg.login), msg.client_id, ta_context,
                           std::move(cache));
     {
       std::lock_guard<std::mutex> lock(g_ta_mutex);
@@ -453,7 +461,7 @@ int run(int argc, char** argv) {
   }
   if (res != TEE_SUCCESS) {
     err.result = res;
-    err.origin = TEEC_ORIGIN_TRUSTED_APP;
+    err.origin = wire::Origin::TrustedApp;
     char msg[64];
     std::snprintf(msg, sizeof msg, "TA_CreateEntryPoint returned 0x%08x", res);
     err.message = msg;

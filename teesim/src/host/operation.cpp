@@ -1,3 +1,4 @@
+/* Request parameters to the TA's TEE_Param array and its answer back; see operation.h. */
 #include "host/operation.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+/* Parameters in and out of a TA, for every carrier, and the refusals. */
 #include "host/operation.h"
 
 #include <fcntl.h>

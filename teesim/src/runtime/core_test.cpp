@@ -1,3 +1,4 @@
+/* The Internal API's memory, random, time, trace and panic functions. */
 #include <gtest/gtest.h>
 
 #include <cstring>

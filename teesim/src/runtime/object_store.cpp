@@ -1,3 +1,4 @@
+/* The encrypted, crash-safe object store; see object_store.h. */
 #include "runtime/object_store.h"
 
 #include <sys/stat.h>

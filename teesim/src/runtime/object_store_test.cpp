@@ -1,3 +1,6 @@
+/* The object store: objects load back, ids and data never show on disk, any
+ * tampering reads as corrupt, and an independent reader (object_file_check.py)
+ * decodes the file format. */
 #include "runtime/object_store.h"
 
 #include <gtest/gtest.h>
@@ -8,15 +11,17 @@
 #include <vector>
 
 #include "runtime/test_support.h"
+#include "tessera/testing/hex.h"
+#include "teesim/testing/temp_folder.h"
 
 namespace teesim::runtime {
 namespace {
 
-using testing::hex;
+using ::tessera::testing::Hex;
 using testing::pattern_key;
 using testing::pattern_uuid;
 using testing::read_all;
-using testing::TempDir;
+using ::teesim::testing::TempFolder;
 using testing::write_all;
 
 class ObjectStoreTest : public ::testing::Test {
@@ -38,7 +43,7 @@ class ObjectStoreTest : public ::testing::Test {
     return r;
   }
 
-  TempDir dir_;
+  TempFolder dir_;
   ObjectStore store_;
 };
 
@@ -181,10 +186,10 @@ TEST_F(ObjectStoreTest, AnIndependentReaderOpensTheFile) {
   Key256 sk = pattern_key(1), nk = pattern_key(2);
   Uuid u = pattern_uuid(0x10);
   std::string cmd = std::string(TESSERA_PYTHON3) + " " + OBJECT_FILE_CHECK + " '" + path_of(id) +
-                    "' " + hex(sk.data(), 32) + " " + hex(nk.data(), 32) + " " +
-                    hex(u.bytes.data(), 16) + " " +
-                    hex(reinterpret_cast<const uint8_t*>(id.data()), id.size()) + " " +
-                    hex(reinterpret_cast<const uint8_t*>(data.data()), data.size());
+                    "' " + Hex(sk.data(), 32) + " " + Hex(nk.data(), 32) + " " +
+                    Hex(u.bytes.data(), 16) + " " +
+                    Hex(reinterpret_cast<const uint8_t*>(id.data()), id.size()) + " " +
+                    Hex(reinterpret_cast<const uint8_t*>(data.data()), data.size());
   EXPECT_EQ(std::system(cmd.c_str()), 0) << cmd;
 }
 

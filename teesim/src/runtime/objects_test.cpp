@@ -1,3 +1,4 @@
+/* The persistent-object functions of the Internal API: handles, sharing, data streams. */
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -6,6 +7,7 @@
 
 #include "runtime/runtime.h"
 #include "runtime/test_support.h"
+#include "teesim/testing/temp_folder.h"
 #include "tee_internal_api.h"
 
 namespace teesim::runtime {
@@ -13,7 +15,7 @@ namespace {
 
 using testing::pattern_key;
 using testing::pattern_uuid;
-using testing::TempDir;
+using ::teesim::testing::TempFolder;
 
 constexpr uint32_t kRW = TEE_DATA_FLAG_ACCESS_READ | TEE_DATA_FLAG_ACCESS_WRITE;
 constexpr uint32_t kAll = kRW | TEE_DATA_FLAG_ACCESS_WRITE_META;
@@ -54,7 +56,7 @@ class ObjectsTest : public ::testing::Test {
     return i;
   }
 
-  TempDir dir_;
+  TempFolder dir_;
 };
 
 TEST_F(ObjectsTest, CreatedObjectReadsBackAndPersists) {

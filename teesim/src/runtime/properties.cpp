@@ -1,3 +1,4 @@
+/* TA installation properties and the property functions of the Internal API. */
 #include "runtime/properties.h"
 
 #include <strings.h>

@@ -1,3 +1,4 @@
+/* Properties files, and the property functions as a TA calls them. */
 #include "runtime/properties.h"
 
 #include <gtest/gtest.h>

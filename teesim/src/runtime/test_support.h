@@ -1,8 +1,8 @@
-/* Helpers shared by the runtime's unit tests. */
+/* Helpers shared by the runtime's unit tests: patterned keys and UUIDs,
+ * whole-file reads and writes. Temporary folders come from teesim_testing
+ * (TempFolder), hex text from the foundation's tessera_testing. */
 #ifndef TEESIM_RUNTIME_TEST_SUPPORT_H
 #define TEESIM_RUNTIME_TEST_SUPPORT_H
-
-#include <stdlib.h>
 
 #include <cstdio>
 #include <string>
@@ -12,22 +12,6 @@
 #include "teesim/uuid.h"
 
 namespace teesim::runtime::testing {
-
-class TempDir {
- public:
-  TempDir() {
-    char tmpl[] = "/tmp/teesim-rt-XXXXXX";
-    char* p = ::mkdtemp(tmpl);
-    path_ = p != nullptr ? p : "";
-  }
-  ~TempDir() {
-    if (!path_.empty()) std::system(("rm -rf '" + path_ + "'").c_str());
-  }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 inline Key256 pattern_key(uint8_t seed) {
   Key256 k;
@@ -39,16 +23,6 @@ inline Uuid pattern_uuid(uint8_t seed) {
   Uuid u;
   for (int i = 0; i < 16; ++i) u.bytes[i] = static_cast<uint8_t>(seed + i);
   return u;
-}
-
-inline std::string hex(const uint8_t* p, size_t n) {
-  static const char k[] = "0123456789abcdef";
-  std::string s;
-  for (size_t i = 0; i < n; ++i) {
-    s.push_back(k[p[i] >> 4]);
-    s.push_back(k[p[i] & 15]);
-  }
-  return s;
 }
 
 inline std::vector<uint8_t> read_all(const std::string& path) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "support.h"
+#include "teesim/paths.h"
 
 namespace conformance {
 namespace {
@@ -59,7 +60,7 @@ TEST_F(Context, TeesAreNamedByNullOrBySocketPath) {
   EXPECT_RESULT(TEEC_InitializeContext("some-other-tee", &c), TEEC_ERROR_ITEM_NOT_FOUND);
   EXPECT_NE(read_text(client_log_).find("no TEE named \"some-other-tee\""), std::string::npos)
       << read_text(client_log_);
-  ASSERT_RESULT(TEEC_InitializeContext(daemon().socket().c_str(), &c), TEEC_SUCCESS);
+  ASSERT_RESULT(TEEC_InitializeContext(daemon().Socket().c_str(), &c), TEEC_SUCCESS);
   TEEC_Session s{};
   uint32_t origin = 0;
   EXPECT_OUTCOME(TEEC_OpenSession(&c, &s, &kTestTa, TEEC_LOGIN_PUBLIC, nullptr, nullptr, &origin),
@@ -86,19 +87,19 @@ TEST_F(Context, FinalizingWithSessionsOpenClosesThem) {
 /* ---- no daemon -------------------------------------------------------------- */
 
 TEST(NoDaemon, InitializeFailsAtOnceAndSaysWhy) {
-  TestDaemon d; /* folders only, never started */
+  PrivateDaemon d; /* folders only, never started */
   std::string log = use_daemon(d);
   TEEC_Context c{};
   EXPECT_RESULT(TEEC_InitializeContext(nullptr, &c), TEEC_ERROR_COMMUNICATION);
   std::string text = read_text(log);
-  EXPECT_NE(text.find(d.socket()), std::string::npos) << text;
+  EXPECT_NE(text.find(d.Socket()), std::string::npos) << text;
   EXPECT_NE(text.find("No such file or directory"), std::string::npos) << text;
   EXPECT_NE(text.find("TEESIM_DAEMON is empty"), std::string::npos) << text;
   EXPECT_NE(text.find("[6] TEEC:"), std::string::npos) << "logged at error priority: " << text;
 }
 
 TEST(NoDaemon, ADaemonThatCannotRunIsNamed) {
-  TestDaemon d;
+  PrivateDaemon d;
   std::string log = use_daemon(d);
   ::setenv("TEESIM_DAEMON", "/nonexistent/teesim", 1);
   TEEC_Context c{};
@@ -108,11 +109,11 @@ TEST(NoDaemon, ADaemonThatCannotRunIsNamed) {
 }
 
 TEST(NoDaemon, ADaemonThatRefusesToStartPassesOnItsReason) {
-  TestDaemon d;
+  PrivateDaemon d;
   std::string log = use_daemon(d);
-  ::setenv("TEESIM_DAEMON", daemon_executable().c_str(), 1);
+  ::setenv("TEESIM_DAEMON", teesim::testing::BuiltDaemon().c_str(), 1);
   ::setenv("TEESIM_TA_DIR", "/nonexistent-ta-folder", 1);
-  ::setenv("TEESIM_STORAGE_DIR", d.storage_dir().c_str(), 1);
+  ::setenv("TEESIM_STORAGE_DIR", d.StorageDir().c_str(), 1);
   TEEC_Context c{};
   EXPECT_RESULT(TEEC_InitializeContext(nullptr, &c), TEEC_ERROR_COMMUNICATION);
   std::string text = read_text(log);
@@ -123,12 +124,12 @@ TEST(NoDaemon, ADaemonThatRefusesToStartPassesOnItsReason) {
 }
 
 TEST(NoDaemon, SomethingElseOnTheSocketIsNotTakenForADaemon) {
-  TestDaemon d;
+  PrivateDaemon d;
   std::string log = use_daemon(d);
   int fd = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
-  std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", d.socket().c_str());
+  std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", d.Socket().c_str());
   ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
   ASSERT_EQ(::listen(fd, 4), 0);
   /* It accepts (the kernel queues the connection) but never answers. */
@@ -157,8 +158,9 @@ bool alive(pid_t pid) {
 
 /* Daemons whose command line names this socket. */
 int daemons_serving(const std::string& socket) {
-  std::string command;
-  for (const std::string& word : daemon_command()) command += (command.empty() ? "" : " ") + word;
+  std::string command; /* the daemon, after the emulator's words in a build for another CPU */
+  for (const std::string& word : teesim::paths::emulator()) command += word + " ";
+  command += teesim::testing::BuiltDaemon();
   int n = 0;
   DIR* d = ::opendir("/proc");
   while (dirent* e = ::readdir(d)) {
@@ -177,12 +179,12 @@ class AutoStart : public ::testing::Test {
  protected:
   void SetUp() override {
     log_ = use_daemon(d_);
-    ::setenv("TEESIM_DAEMON", daemon_executable().c_str(), 1);
-    ::setenv("TEESIM_TA_DIR", d_.ta_dir().c_str(), 1);
-    ::setenv("TEESIM_STORAGE_DIR", d_.storage_dir().c_str(), 1);
+    ::setenv("TEESIM_DAEMON", teesim::testing::BuiltDaemon().c_str(), 1);
+    ::setenv("TEESIM_TA_DIR", d_.TaDir().c_str(), 1);
+    ::setenv("TEESIM_STORAGE_DIR", d_.StorageDir().c_str(), 1);
   }
   void TearDown() override {
-    pid_t pid = pid_in_lock(d_.socket());
+    pid_t pid = pid_in_lock(d_.Socket());
     if (pid > 0 && alive(pid)) {
       ::kill(pid, SIGTERM);
       EXPECT_TRUE(eventually([&] { return !alive(pid); })) << "the started daemon did not stop";
@@ -190,7 +192,7 @@ class AutoStart : public ::testing::Test {
     ::unsetenv("TEESIM_TA_DIR");
     ::unsetenv("TEESIM_STORAGE_DIR");
   }
-  TestDaemon d_; /* its folders; the daemon itself is started by libteec */
+  PrivateDaemon d_; /* its folders; the daemon itself is started by libteec */
   std::string log_;
 };
 
@@ -202,21 +204,21 @@ TEST_F(AutoStart, TheFirstClientStartsTheDaemonWhichOutlivesIt) {
   }
   std::string text = read_text(log_);
   EXPECT_NE(text.find("started the TEE daemon"), std::string::npos) << text;
-  pid_t pid = pid_in_lock(d_.socket());
+  pid_t pid = pid_in_lock(d_.Socket());
   ASSERT_GT(pid, 0);
   EXPECT_TRUE(alive(pid)) << "the daemon went away with its first client";
   Client again;
   ASSERT_RESULT(again.init_result(), TEEC_SUCCESS);
-  EXPECT_EQ(pid_in_lock(d_.socket()), pid) << "a second daemon was started";
-  EXPECT_NE(read_text(d_.dir() + "/run/teesim.log").find("serving " + d_.socket()), std::string::npos)
+  EXPECT_EQ(pid_in_lock(d_.Socket()), pid) << "a second daemon was started";
+  EXPECT_NE(read_text(d_.LogPath()).find("serving " + d_.Socket()), std::string::npos)
       << "the started daemon logs beside its socket";
 }
 
 TEST_F(AutoStart, TheDaemonAndItsTaHostsRunThroughTheEmulator) {
-  const std::string record = d_.dir() + "/emulated";
+  const std::string record = d_.Folder() + "/emulated";
   const char* outer = ::getenv("TEESIM_EMULATOR");
   const std::string saved = outer != nullptr ? outer : "";
-  ::setenv("TEESIM_EMULATOR", recording_emulator(d_.dir(), record).c_str(), 1);
+  ::setenv("TEESIM_EMULATOR", recording_emulator(d_.Folder(), record).c_str(), 1);
   {
     Client c;
     EXPECT_RESULT(c.init_result(), TEEC_SUCCESS);
@@ -227,7 +229,8 @@ TEST_F(AutoStart, TheDaemonAndItsTaHostsRunThroughTheEmulator) {
   else
     ::unsetenv("TEESIM_EMULATOR");
   const std::string text = read_text(record);
-  EXPECT_NE(text.find(daemon_executable() + " --background --socket " + d_.socket()), std::string::npos)
+  EXPECT_NE(text.find(teesim::testing::BuiltDaemon() + " --background --socket " + d_.Socket()),
+            std::string::npos)
       << text;
   EXPECT_NE(text.find("/teesim-tahost 7e57a000-5e55-4d0e-9a11-000000000001 "), std::string::npos)
       << "the daemon passes the emulator on to its TA hosts: " << text;
@@ -263,14 +266,14 @@ TEST_F(AutoStart, ConcurrentFirstClientsStartOneDaemon) {
     ::waitpid(k, &status, 0);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "client exit status " << status;
   }
-  EXPECT_EQ(daemons_serving(d_.socket()), 1);
+  EXPECT_EQ(daemons_serving(d_.Socket()), 1);
 }
 
 TEST_F(AutoStart, AStaleSocketFileIsReplaced) {
   int fd = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
-  std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", d_.socket().c_str());
+  std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", d_.Socket().c_str());
   ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
   ::close(fd); /* the file stays, nobody listens: what a crashed daemon leaves */
   Client c;

@@ -24,9 +24,9 @@ std::vector<std::string> operator+(std::vector<std::string> a, const std::vector
 }
 
 TEST(DaemonCommand, HelpDescribesEveryOption) {
-  TestDaemon d;
+  PrivateDaemon d;
   std::string out;
-  EXPECT_EQ(d.run_command({"--help"}, &out), 0);
+  EXPECT_EQ(d.RunCommand({"--help"}, &out), 0);
   for (const char* opt : {"--socket", "--ta-dir", "--storage-dir", "--foreground", "--background",
                           "--log-level", "--random-seed", "--wipe-storage", "--emulator",
                           "TEESIM_SOCKET", "TEESIM_EMULATOR"})
@@ -34,101 +34,101 @@ TEST(DaemonCommand, HelpDescribesEveryOption) {
 }
 
 TEST(DaemonCommand, TheEmulatorOptionRunsEachTaHostThroughIt) {
-  TestDaemon d;
-  const std::string record = d.dir() + "/emulated";
-  ASSERT_TRUE(d.start({"--emulator", recording_emulator(d.dir(), record)})) << d.log_text();
+  PrivateDaemon d;
+  const std::string record = d.Folder() + "/emulated";
+  ASSERT_TRUE(d.Start({"--emulator", recording_emulator(d.Folder(), record)})) << d.Error();
   use_daemon(d);
   Client c;
   ASSERT_RESULT(c.init_result(), TEEC_SUCCESS);
   ASSERT_RESULT(c.open(kTestTa), TEEC_SUCCESS);
   const std::string text = read_text(record);
   EXPECT_NE(text.find("/teesim-tahost 7e57a000-5e55-4d0e-9a11-000000000001 " +
-                      std::to_string(d.pid()) + "\n"),
+                      std::to_string(d.Pid()) + "\n"),
             std::string::npos)
       << text;
 }
 
 TEST(DaemonCommand, BadOptionsAreExplained) {
-  TestDaemon d;
+  PrivateDaemon d;
   std::string err;
-  EXPECT_EQ(d.run_command({"--no-such-option"}, &err), 2);
+  EXPECT_EQ(d.RunCommand({"--no-such-option"}, &err), 2);
   EXPECT_NE(err.find("unknown option '--no-such-option'"), std::string::npos) << err;
-  EXPECT_EQ(d.run_command({"--log-level", "chatty"}, &err), 2);
+  EXPECT_EQ(d.RunCommand({"--log-level", "chatty"}, &err), 2);
   EXPECT_NE(err.find("unknown log level 'chatty'"), std::string::npos) << err;
 }
 
 TEST(DaemonCommand, AMissingTaFolderIsNamed) {
-  TestDaemon d;
+  PrivateDaemon d;
   std::string err;
-  EXPECT_EQ(d.run_command({"--foreground", "--socket", d.socket(), "--storage-dir", d.storage_dir(),
+  EXPECT_EQ(d.RunCommand({"--foreground", "--socket", d.Socket(), "--storage-dir", d.StorageDir(),
                            "--ta-dir", "/nonexistent/tas"},
                           &err),
             2);
   EXPECT_NE(err.find("TA folder /nonexistent/tas: No such file or directory"), std::string::npos) << err;
-  EXPECT_FALSE(fs::exists(d.socket()));
+  EXPECT_FALSE(fs::exists(d.Socket()));
 }
 
 TEST(DaemonCommand, AStorageFolderOthersMayWriteIsRefused) {
-  TestDaemon d;
-  fs::create_directories(d.storage_dir());
-  ::chmod(d.storage_dir().c_str(), 0777);
+  PrivateDaemon d;
+  fs::create_directories(d.StorageDir());
+  ::chmod(d.StorageDir().c_str(), 0777);
   std::string err;
-  EXPECT_EQ(d.run_command(std::vector<std::string>{"--foreground"} + d.folder_args(), &err), 2);
+  EXPECT_EQ(d.RunCommand(std::vector<std::string>{"--foreground"} + folder_args(d), &err), 2);
   EXPECT_NE(err.find("writable by other users"), std::string::npos) << err;
 }
 
 TEST(DaemonCommand, AnOccupiedSocketIsRefused) {
-  TestDaemon d;
-  ASSERT_TRUE(d.start());
+  PrivateDaemon d;
+  ASSERT_TRUE(d.Start()) << d.Error();
   std::string err;
-  TestDaemon other; /* other folders, same socket */
-  EXPECT_EQ(other.run_command({"--foreground", "--socket", d.socket(), "--ta-dir", other.ta_dir(),
-                               "--storage-dir", other.storage_dir()},
+  PrivateDaemon other; /* other folders, same socket */
+  EXPECT_EQ(other.RunCommand({"--foreground", "--socket", d.Socket(), "--ta-dir", other.TaDir(),
+                               "--storage-dir", other.StorageDir()},
                               &err),
             3);
-  EXPECT_NE(err.find("another teesim already serves " + d.socket()), std::string::npos) << err;
-  EXPECT_NE(err.find("(pid " + std::to_string(d.pid()) + ")"), std::string::npos) << err;
+  EXPECT_NE(err.find("another teesim already serves " + d.Socket()), std::string::npos) << err;
+  EXPECT_NE(err.find("(pid " + std::to_string(d.Pid()) + ")"), std::string::npos) << err;
   /* the same storage under another socket is refused as well */
-  EXPECT_EQ(other.run_command({"--foreground", "--socket", other.socket(), "--ta-dir", other.ta_dir(),
-                               "--storage-dir", d.storage_dir()},
+  EXPECT_EQ(other.RunCommand({"--foreground", "--socket", other.Socket(), "--ta-dir", other.TaDir(),
+                               "--storage-dir", d.StorageDir()},
                               &err),
             2);
   EXPECT_NE(err.find("is in use by another teesim"), std::string::npos) << err;
 }
 
 TEST(DaemonCommand, SomethingElseAtTheSocketPathIsRefused) {
-  TestDaemon d;
-  std::ofstream(d.socket()) << "a plain file";
+  PrivateDaemon d;
+  std::ofstream(d.Socket()) << "a plain file";
   std::string err;
-  EXPECT_EQ(d.run_command(std::vector<std::string>{"--foreground"} + d.folder_args(), &err), 2);
+  EXPECT_EQ(d.RunCommand(std::vector<std::string>{"--foreground"} + folder_args(d), &err), 2);
   EXPECT_NE(err.find("exists and is not a socket"), std::string::npos) << err;
-  fs::remove(d.socket());
+  fs::remove(d.Socket());
   int fd = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
-  std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", d.socket().c_str());
+  std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", d.Socket().c_str());
   ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
   ASSERT_EQ(::listen(fd, 1), 0);
-  EXPECT_EQ(d.run_command(std::vector<std::string>{"--foreground"} + d.folder_args(), &err), 3);
+  EXPECT_EQ(d.RunCommand(std::vector<std::string>{"--foreground"} + folder_args(d), &err), 3);
   EXPECT_NE(err.find("in use by another program"), std::string::npos) << err;
   ::close(fd);
 }
 
 TEST(DaemonCommand, SigtermStopsItCleanly) {
-  TestDaemon d;
-  ASSERT_TRUE(d.start());
-  EXPECT_TRUE(fs::exists(d.socket()));
-  EXPECT_EQ(d.stop(), 0);
-  EXPECT_FALSE(fs::exists(d.socket()));
-  EXPECT_NE(d.log_text().find("teesim stopped"), std::string::npos);
-  ASSERT_TRUE(d.start()) << "and it starts again on the same folders";
+  PrivateDaemon d;
+  ASSERT_TRUE(d.Start()) << d.Error();
+  EXPECT_TRUE(fs::exists(d.Socket()));
+  EXPECT_EQ(d.Stop(), 0);
+  EXPECT_FALSE(fs::exists(d.Socket()));
+  EXPECT_NE(d.LogText().find("teesim stopped"), std::string::npos);
+  ASSERT_TRUE(d.Start()) << "and it starts again on the same folders";
 }
 
 TEST(DaemonCommand, TheBackgroundModeReturnsOnceServing) {
-  TestDaemon d;
+  PrivateDaemon d;
   std::string err;
-  ASSERT_EQ(d.run_command(std::vector<std::string>{"--background", "--log-file", d.dir() + "/bg.log"} +
-                              d.folder_args(),
+  ASSERT_EQ(d.RunCommand(std::vector<std::string>{"--background", "--log-file", d.Folder() + "/bg.log"} +
+                              folder_args(d),
                           &err),
             0)
       << err;
@@ -138,16 +138,16 @@ TEST(DaemonCommand, TheBackgroundModeReturnsOnceServing) {
     ASSERT_RESULT(c.init_result(), TEEC_SUCCESS) << "serving when the command returned";
     EXPECT_RESULT(c.open(kTestTa), TEEC_SUCCESS);
   }
-  std::ifstream lock(d.socket() + ".lock");
+  std::ifstream lock(d.Socket() + ".lock");
   pid_t pid = 0;
   lock >> pid;
   ASSERT_GT(pid, 0);
   ASSERT_EQ(::kill(pid, SIGTERM), 0);
-  EXPECT_TRUE(eventually([&] { return !fs::exists(d.socket()); }));
-  EXPECT_NE(read_text(d.dir() + "/bg.log").find("teesim stopped"), std::string::npos);
+  EXPECT_TRUE(eventually([&] { return !fs::exists(d.Socket()); }));
+  EXPECT_NE(read_text(d.Folder() + "/bg.log").find("teesim stopped"), std::string::npos);
 
   /* a failure in the background is reported by the command itself */
-  EXPECT_EQ(d.run_command({"--background", "--socket", d.socket(), "--storage-dir", d.storage_dir(),
+  EXPECT_EQ(d.RunCommand({"--background", "--socket", d.Socket(), "--storage-dir", d.StorageDir(),
                            "--ta-dir", "/nonexistent/tas"},
                           &err),
             2);
@@ -167,11 +167,11 @@ std::string random_bytes(size_t n) {
 }
 
 std::string random_from_fresh_daemon(const std::vector<std::string>& extra, std::string* log) {
-  TestDaemon d;
-  if (!d.start(extra)) return "";
+  PrivateDaemon d;
+  if (!d.Start(extra)) return "";
   use_daemon(d);
   std::string r = random_bytes(64);
-  if (log != nullptr) *log = d.log_text();
+  if (log != nullptr) *log = d.LogText();
   return r;
 }
 

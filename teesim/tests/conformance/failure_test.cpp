@@ -52,15 +52,15 @@ TEST_F(Failures, APanickingTaEndsOnlyItsOwnSessions) {
       << "every session of the instance ends with it";
   uint32_t info[4];
   EXPECT_TRUE(other.info(info)) << "another TA lives on";
-  EXPECT_TRUE(daemon().running()) << "the daemon lives on";
+  EXPECT_TRUE(daemon().Running()) << "the daemon lives on";
 
   Client fresh;
   ASSERT_RESULT(fresh.open(kTestTa), TEEC_SUCCESS);
   ASSERT_TRUE(fresh.info(info));
   EXPECT_NE(info[0], before[0]) << "the next open starts the TA afresh";
   EXPECT_EQ(info[3], 1u);
-  EXPECT_TRUE(eventually([&] { return daemon().log_text().find("ended by TEE_Panic") != std::string::npos; }));
-  EXPECT_NE(daemon().log_text().find("panicked with code 0x00000bad"), std::string::npos);
+  EXPECT_TRUE(eventually([&] { return daemon().LogText().find("ended by TEE_Panic") != std::string::npos; }));
+  EXPECT_NE(daemon().LogText().find("panicked with code 0x00000bad"), std::string::npos);
 }
 
 TEST_F(Failures, ACrashingTaIsReportedDeadAndRestarted) {
@@ -74,19 +74,19 @@ TEST_F(Failures, ACrashingTaIsReportedDeadAndRestarted) {
 #else
   const char* how = "killed by signal 11 (SIGSEGV)";
 #endif
-  EXPECT_TRUE(eventually([&] { return daemon().log_text().find(how) != std::string::npos; }))
-      << daemon().log_text();
+  EXPECT_TRUE(eventually([&] { return daemon().LogText().find(how) != std::string::npos; }))
+      << daemon().LogText();
   Client again;
   EXPECT_RESULT(again.open(kTestTa), TEEC_SUCCESS);
 }
 
 TEST(DaemonGone, AKilledDaemonIsReportedAsACommunicationFailure) {
-  TestDaemon d;
-  ASSERT_TRUE(d.start());
+  PrivateDaemon d;
+  ASSERT_TRUE(d.Start()) << d.Error();
   use_daemon(d);
   Client c;
   ASSERT_RESULT(c.open(kTestTa), TEEC_SUCCESS);
-  d.kill9();
+  d.Kill();
   uint32_t origin = 0;
   EXPECT_OUTCOME(TEEC_InvokeCommand(c.session(), TEST_CMD_INFO, nullptr, &origin), origin,
                  TEEC_ERROR_COMMUNICATION, TEEC_ORIGIN_COMMS);
@@ -99,17 +99,17 @@ TEST(DaemonGone, AKilledDaemonIsReportedAsACommunicationFailure) {
 }
 
 TEST(DaemonGone, SigtermClosesSessionsAndStopsCleanly) {
-  TestDaemon d;
-  ASSERT_TRUE(d.start());
+  PrivateDaemon d;
+  ASSERT_TRUE(d.Start({"--log-level", "debug"})) << d.Error(); /* the TA traces its end at debug */
   use_daemon(d);
   Client c;
   ASSERT_RESULT(c.open(kKeepAliveTa), TEEC_SUCCESS);
-  EXPECT_EQ(d.stop(), 0);
-  std::string log = d.log_text();
+  EXPECT_EQ(d.Stop(), 0);
+  std::string log = d.LogText();
   EXPECT_NE(log.find("received SIGTERM"), std::string::npos) << log;
   EXPECT_NE(log.find("[test-keep-alive] destroyed"), std::string::npos) << "TA_DestroyEntryPoint ran";
   EXPECT_NE(log.find("teesim stopped"), std::string::npos);
-  EXPECT_FALSE(std::filesystem::exists(d.socket())) << "the socket is removed";
+  EXPECT_FALSE(std::filesystem::exists(d.Socket())) << "the socket is removed";
   uint32_t origin = 0;
   EXPECT_OUTCOME(TEEC_InvokeCommand(c.session(), TEST_CMD_INFO, nullptr, &origin), origin,
                  TEEC_ERROR_COMMUNICATION, TEEC_ORIGIN_COMMS);
@@ -207,20 +207,20 @@ TEST_F(Failures, GarbageToTheDaemonCostsOnlyThatConnection) {
       std::vector<uint8_t>(100, 0xFF),               /* bad magic */
   };
   for (const auto& bytes : attacks) {
-    UniqueFd raw = raw_connect(daemon().socket());
+    UniqueFd raw = raw_connect(daemon().Socket());
     ASSERT_TRUE(raw.valid());
     ASSERT_EQ(teesim::send_frame(raw.get(), bytes.data(), bytes.size()), 0);
     EXPECT_TRUE(closed_by_peer(raw.get()));
   }
   {
     /* A well-formed frame, but not a greeting first. */
-    UniqueFd raw = raw_connect(daemon().socket());
+    UniqueFd raw = raw_connect(daemon().Socket());
     ASSERT_TRUE(raw_send(raw.get(), w::OpenSession{}));
     EXPECT_TRUE(closed_by_peer(raw.get()));
   }
   {
     /* A truncated open request: the header promises more than comes. */
-    UniqueFd raw = raw_connect(daemon().socket());
+    UniqueFd raw = raw_connect(daemon().Socket());
     ASSERT_TRUE(raw_send(raw.get(), w::Hello{}));
     std::vector<uint8_t> frame;
     w::OpenSession open;
@@ -238,7 +238,7 @@ TEST_F(Failures, GarbageToTheDaemonCostsOnlyThatConnection) {
 TEST_F(Failures, GarbageOnASessionChannelEndsOnlyThatSession) {
   Client mine;
   ASSERT_RESULT(mine.open(kTestTa), TEEC_SUCCESS);
-  UniqueFd conn = raw_connect(daemon().socket());
+  UniqueFd conn = raw_connect(daemon().Socket());
   UniqueFd channel;
   ASSERT_TRUE(raw_open(conn.get(), kTestTa, &channel));
   uint32_t info[4];
@@ -259,17 +259,17 @@ TEST_F(Failures, GarbageOnASessionChannelEndsOnlyThatSession) {
 class BrokenTa : public ::testing::Test {
  protected:
   void write(const std::string& name, const std::string& text) {
-    std::ofstream(d_.ta_dir() + "/" + name) << text;
+    std::ofstream(d_.TaDir() + "/" + name) << text;
   }
   TEEC_Result open(const TEEC_UUID& ta, uint32_t* origin) {
-    if (!d_.running()) {
-      EXPECT_TRUE(d_.start());
+    if (!d_.Running()) {
+      EXPECT_TRUE(d_.Start()) << d_.Error();
       use_daemon(d_);
     }
     Client c;
     return c.open(ta, origin);
   }
-  TestDaemon d_;
+  PrivateDaemon d_{with_own_tas()}; /* the tests write into its TA folder */
 };
 
 TEST_F(BrokenTa, AFileThatIsNoTaIsRefusedWithTheReason) {
@@ -277,23 +277,23 @@ TEST_F(BrokenTa, AFileThatIsNoTaIsRefusedWithTheReason) {
   const TEEC_UUID bad = {0x0badf11e, 0, 0, {0, 0, 0, 0, 0, 0, 0, 0}};
   uint32_t origin = 0;
   EXPECT_OUTCOME(open(bad, &origin), origin, TEEC_ERROR_BAD_FORMAT, TEEC_ORIGIN_TEE);
-  EXPECT_NE(d_.log_text().find("cannot load the TA"), std::string::npos) << d_.log_text();
+  EXPECT_NE(d_.LogText().find("cannot load the TA"), std::string::npos) << d_.LogText();
 }
 
 TEST_F(BrokenTa, ATaUnderAnotherUuidsNameIsRefused) {
-  std::filesystem::copy_file(d_.ta_dir() + "/" TEST_TA_UUID_TEXT ".ta",
-                             d_.ta_dir() + "/0badf11e-0000-0000-0000-000000000001.ta");
+  std::filesystem::copy_file(d_.TaDir() + "/" TEST_TA_UUID_TEXT ".ta",
+                             d_.TaDir() + "/0badf11e-0000-0000-0000-000000000001.ta");
   const TEEC_UUID bad = {0x0badf11e, 0, 0, {0, 0, 0, 0, 0, 0, 0, 1}};
   uint32_t origin = 0;
   EXPECT_OUTCOME(open(bad, &origin), origin, TEEC_ERROR_BAD_FORMAT, TEEC_ORIGIN_TEE);
-  EXPECT_NE(d_.log_text().find("declares UUID " TEST_TA_UUID_TEXT), std::string::npos) << d_.log_text();
+  EXPECT_NE(d_.LogText().find("declares UUID " TEST_TA_UUID_TEXT), std::string::npos) << d_.LogText();
 }
 
 TEST_F(BrokenTa, ABadPropertiesFileIsRefusedWithItsLine) {
   write(TEST_TA_UUID_TEXT ".props", "# fine\nthis line has no equals sign\n");
   uint32_t origin = 0;
   EXPECT_OUTCOME(open(kTestTa, &origin), origin, TEEC_ERROR_BAD_FORMAT, TEEC_ORIGIN_TEE);
-  EXPECT_NE(d_.log_text().find("line 2"), std::string::npos) << d_.log_text();
+  EXPECT_NE(d_.LogText().find("line 2"), std::string::npos) << d_.LogText();
 }
 
 TEST_F(BrokenTa, ACreateEntryPointThatFailsFailsTheOpen) {

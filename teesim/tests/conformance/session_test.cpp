@@ -39,7 +39,7 @@ TEST_F(Sessions, AnUninstalledTaIsNotFound) {
   const TEEC_UUID missing = {0x12345678, 0x9abc, 0xdef0, {1, 2, 3, 4, 5, 6, 7, 8}};
   uint32_t origin = 0;
   EXPECT_OUTCOME(c.open(missing, &origin), origin, TEEC_ERROR_ITEM_NOT_FOUND, TEEC_ORIGIN_TEE);
-  EXPECT_NE(daemon().log_text().find("12345678-9abc-def0-0102-030405060708, which is not installed"),
+  EXPECT_NE(daemon().LogText().find("12345678-9abc-def0-0102-030405060708, which is not installed"),
             std::string::npos);
 }
 
@@ -164,7 +164,7 @@ TEST_F(Sessions, ASingleInstanceTaServesAllSessionsFromOneProcess) {
   EXPECT_EQ(ia[0], ib[0]) << "one process";
   EXPECT_EQ(ib[1], 2u) << "two sessions";
   EXPECT_EQ(ib[2], 1u) << "created once";
-  EXPECT_NE(ia[0], static_cast<uint32_t>(daemon().pid())) << "not in the daemon";
+  EXPECT_NE(ia[0], static_cast<uint32_t>(daemon().Pid())) << "not in the daemon";
 }
 
 TEST_F(Sessions, ASingleSessionTaIsBusyUntilItsSessionCloses) {
@@ -377,8 +377,8 @@ TEST_F(Sessions, TracesReachTheDaemonsLogWithTheTaName) {
   op.params[0].tmpref = {const_cast<char*>(text.data()), text.size()};
   uint32_t origin = 0;
   ASSERT_RESULT(TEEC_InvokeCommand(c.session(), TEST_CMD_TRACE, &op, &origin), TEEC_SUCCESS);
-  EXPECT_TRUE(eventually([&] { return daemon().log_text().find("[test] " + text) != std::string::npos; }))
-      << daemon().log_text();
+  EXPECT_TRUE(eventually([&] { return daemon().LogText().find("[test] " + text) != std::string::npos; }))
+      << daemon().LogText();
 }
 
 TEST_F(Sessions, TimeFromTheTaIsTheMachines) {

@@ -1,7 +1,7 @@
 /*
- * Support for the GP Client API conformance suite: a real teesim daemon in
- * private folders, result and origin names for failure messages, and small
- * helpers around the client API.
+ * Support for the GP Client API conformance suite: failure messages that
+ * name results and origins, the shared private daemon most tests talk to
+ * (teesim_testing's PrivateDaemon), and small helpers around the client API.
  */
 #ifndef TEESIM_CONFORMANCE_SUPPORT_H
 #define TEESIM_CONFORMANCE_SUPPORT_H
@@ -15,88 +15,55 @@
 #include <vector>
 
 #include "tee_client_api.h"
+#include "teesim/testing/private_daemon.h"
 #include "teesim_test_ta.h"
 
 namespace conformance {
 
-/* "TEEC_ERROR_TARGET_DEAD" and the like; hex for codes without a name. */
-std::string result_name(uint32_t result);
-/* "TEEC_ORIGIN_TEE" and the like. */
-std::string origin_name(uint32_t origin);
-/* "<result> from <origin>", what EXPECT_OUTCOME compares. */
-std::string outcome(uint32_t result, uint32_t origin);
+using teesim::testing::PrivateDaemon;
 
 /* The origin is read only after the result was computed (the result is
  * usually the call that sets it). */
 inline std::string outcome_of(uint32_t result, const uint32_t* origin) {
-  return outcome(result, *origin);
+  return teesim::testing::Outcome(result, *origin);
 }
 
 /* Compares a result and its origin by name, so a failure reads
  * "TEEC_ERROR_TARGET_DEAD from TEEC_ORIGIN_TEE" instead of two numbers. */
 #define EXPECT_OUTCOME(result, origin, want_result, want_origin) \
   EXPECT_EQ(::conformance::outcome_of((result), &(origin)),      \
-            ::conformance::outcome((want_result), (want_origin)))
+            ::teesim::testing::Outcome((want_result), (want_origin)))
 #define ASSERT_OUTCOME(result, origin, want_result, want_origin) \
   ASSERT_EQ(::conformance::outcome_of((result), &(origin)),      \
-            ::conformance::outcome((want_result), (want_origin)))
+            ::teesim::testing::Outcome((want_result), (want_origin)))
 #define EXPECT_RESULT(result, want) \
-  EXPECT_EQ(::conformance::result_name(result), ::conformance::result_name(want))
+  EXPECT_EQ(::teesim::testing::ResultName(result), ::teesim::testing::ResultName(want))
 #define ASSERT_RESULT(result, want) \
-  ASSERT_EQ(::conformance::result_name(result), ::conformance::result_name(want))
+  ASSERT_EQ(::teesim::testing::ResultName(result), ::teesim::testing::ResultName(want))
 
-/* A teesim daemon of our own: private socket, TA folder (copies of the test
- * TAs) and storage folder under a temporary folder, run in the foreground as
- * our child. */
-class TestDaemon {
- public:
-  /* Makes the folders; does not start the daemon. */
-  TestDaemon();
-  ~TestDaemon();
-  TestDaemon(const TestDaemon&) = delete;
-  TestDaemon& operator=(const TestDaemon&) = delete;
+/* A private daemon whose TA folder is a copy, for tests that change it. */
+inline PrivateDaemon::Options with_own_tas() {
+  PrivateDaemon::Options o;
+  o.copy_tas = true;
+  return o;
+}
 
-  /* Starts the daemon with `extra` options and waits until its socket
-   * answers. Returns false (with the daemon's output in the log) if it
-   * exits first or does not answer within 10 s. */
-  [[nodiscard]] bool start(const std::vector<std::string>& extra = {});
-  /* SIGTERM and wait. Returns the exit status, or -1 when not running. */
-  int stop();
-  /* SIGKILL and wait. */
-  void kill9();
-  bool running() const { return pid_ > 0; }
-  pid_t pid() const { return pid_; }
+/* The folder of one TA's objects in a daemon's storage. */
+inline std::string ta_storage(const PrivateDaemon& d, const char* uuid_text) {
+  return d.StorageDir() + "/" + uuid_text;
+}
 
-  /* Runs the teesim command with its own arguments (not ours), capturing
-   * its standard error. Returns the exit status. */
-  int run_command(const std::vector<std::string>& args, std::string* err) const;
+/* Options that point the daemon at the private folders of `d`. */
+inline std::vector<std::string> folder_args(const PrivateDaemon& d) {
+  return {"--socket", d.Socket(), "--ta-dir", d.TaDir(), "--storage-dir", d.StorageDir()};
+}
 
-  const std::string& dir() const { return dir_; }
-  const std::string& socket() const { return socket_; }
-  const std::string& ta_dir() const { return ta_dir_; }
-  const std::string& storage_dir() const { return storage_dir_; }
-  std::string log_text() const;
-  /* The folder of one TA's objects in our storage. */
-  std::string ta_storage(const char* uuid_text) const { return storage_dir_ + "/" + uuid_text; }
-  /* Arguments that point the daemon at our folders. */
-  std::vector<std::string> folder_args() const;
-
- private:
-  pid_t owner_;
-  std::string dir_, socket_, ta_dir_, storage_dir_, log_;
-  pid_t pid_ = -1;
-};
-
-/* Points libteec at `d` (TEESIM_SOCKET) and forbids it to start daemons of
- * its own (TEESIM_DAEMON empty); libteec's log goes to the returned path. */
-std::string use_daemon(const TestDaemon& d);
-
-/* Path of the built teesim executable and TA folder. */
-std::string daemon_executable();
-std::string built_ta_dir();
-/* What runs the daemon: the executable, after the emulator's words
- * (TEESIM_EMULATOR) when the build is for another CPU. */
-std::vector<std::string> daemon_command();
+/* Points this process's libteec at `d` (see PrivateDaemon::UseFromThisProcess);
+ * returns the path of libteec's log. */
+inline std::string use_daemon(const PrivateDaemon& d) {
+  d.UseFromThisProcess();
+  return d.ClientLogPath();
+}
 
 /* The test TA variants. */
 inline const TEEC_UUID kTestTa = TEST_TA_UUID;
@@ -105,6 +72,11 @@ inline const TEEC_UUID kMultiInstanceTa = TEST_TA_MULTI_INSTANCE_UUID;
 inline const TEEC_UUID kKeepAliveTa = TEST_TA_KEEP_ALIVE_UUID;
 
 /* A context and, optionally, one session, closed when the object dies. */
+/* Writes into `dir` a stand-in emulator that appends each command line it
+ * is given to `record` and runs it (through this build's own emulator, if
+ * any). Returns the command that runs it, for --emulator or TEESIM_EMULATOR. */
+std::string recording_emulator(const std::string& dir, const std::string& record);
+
 class Client {
  public:
   Client();
@@ -128,26 +100,25 @@ class Client {
 };
 
 /* The daemon most tests share: started on first use (one per test
- * process), with libteec pointed at it. */
-TestDaemon& shared_daemon();
+ * process, with debug logging so a failure shows the whole story), and
+ * started again when a test ended it. */
+PrivateDaemon& shared_daemon();
 
 /* Fixture of tests that talk to the shared daemon. */
 class WithDaemon : public ::testing::Test {
  protected:
   void SetUp() override;
-  TestDaemon& daemon() { return shared_daemon(); }
+  PrivateDaemon& daemon() { return shared_daemon(); }
   std::string client_log_;
 };
 
-/* Writes into `dir` a stand-in emulator that appends each command line it
- * is given to `record` and runs it (through this build's own emulator, if
- * any). Returns the command that runs it, for --emulator or TEESIM_EMULATOR. */
-std::string recording_emulator(const std::string& dir, const std::string& record);
-
 /* The whole text of a file ("" when missing). */
 std::string read_text(const std::string& path);
-/* Polls `cond` every 10 ms for up to `ms`; returns its last value. */
-bool eventually(const std::function<bool()>& cond, int ms = 5000);
+/* Polls `cond` every 10 ms until it holds, for at most `ms`; returns its
+ * last value. What the suite waits for (another process's log line, a
+ * process ending) comes within milliseconds; the default bound is one only
+ * a broken system reaches, so a busy machine never fails a test. */
+bool eventually(const std::function<bool()>& cond, int ms = 60000);
 
 }  // namespace conformance
 

@@ -1,7 +1,7 @@
 /*
- * The teesim test TA. Built once per instance policy (TEST_TA_NAME,
- * TEST_TA_FLAGS and TEST_TA_UUID_INIT come from the build); the commands are
- * described in teesim_test_ta.h.
+ * The teesim test TA: its entry points and commands (described in
+ * teesim_test_ta.h). Compiled once and linked into every variant; each
+ * variant adds its own descriptor (test_ta_descriptor.c).
  */
 #define _DEFAULT_SOURCE
 #include <signal.h>
@@ -10,14 +10,7 @@
 #include <unistd.h>
 
 #include "tee_internal_api.h"
-#include "teesim_ta.h"
 #include "teesim_test_ta.h"
-
-#if !defined(TEST_TA_NAME) || !defined(TEST_TA_FLAGS) || !defined(TEST_TA_UUID_INIT)
-#error "the build names the variant: TEST_TA_NAME, TEST_TA_FLAGS, TEST_TA_UUID_INIT"
-#endif
-
-TEESIM_TA_DESCRIPTOR(TEST_TA_NAME, TEST_TA_FLAGS, TEST_TA_UUID_INIT);
 
 #define P(t0, t1, t2, t3) TEE_PARAM_TYPES(t0, t1, t2, t3)
 #define NONE TEE_PARAM_TYPE_NONE

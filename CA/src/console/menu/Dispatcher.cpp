@@ -1,3 +1,5 @@
+// The command dispatcher: what each menu command does to the settings, the menu
+// and the scenarios.
 #include "Dispatcher.h"
 
 #include "ApiScenario.h"

@@ -1,3 +1,5 @@
+// The command dispatcher: from a menu item's command and option to its effect
+// and result code.
 #ifndef TESSERA_CONSOLE_DISPATCHER_H
 #define TESSERA_CONSOLE_DISPATCHER_H
 

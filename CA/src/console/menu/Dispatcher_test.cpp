@@ -1,3 +1,5 @@
+// Tests of the dispatcher on scripted scenarios: every command, its result and
+// its timing lines.
 #include "Dispatcher.h"
 
 #include "ConsoleTestSupport.h"

@@ -1,3 +1,5 @@
+// The menu: reading and checking the menu file, drawing the screens, and the
+// input loop.
 #include "Menu.h"
 
 #include "Dispatcher.h"

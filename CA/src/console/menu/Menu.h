@@ -1,3 +1,4 @@
+// The console's menu, built from the JSON menu file, and its input loop.
 #ifndef TESSERA_CONSOLE_MENU_H
 #define TESSERA_CONSOLE_MENU_H
 

@@ -1,3 +1,4 @@
+// Tests of the menu: file validation, screens, navigation and input parsing.
 #include "Menu.h"
 
 #include "ConsoleTestSupport.h"

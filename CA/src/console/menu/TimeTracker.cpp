@@ -1,3 +1,5 @@
+// The time tracker: steady-clock brackets around keystore calls, in whole
+// milliseconds.
 #include "TimeTracker.h"
 
 #include <iostream>

@@ -1,3 +1,4 @@
+// The time tracker that measures a console command's keystore calls.
 #ifndef TESSERA_CONSOLE_TIMETRACKER_H
 #define TESSERA_CONSOLE_TIMETRACKER_H
 

@@ -1,3 +1,4 @@
+// Tests of the time tracker: brackets, modes, resets and the elapsed-time line.
 #include "TimeTracker.h"
 
 #include "ConsoleTestSupport.h"

@@ -1,3 +1,5 @@
+// The API test runner: one keystore call per selection, printed beside the
+// expected values.
 #include "ApiScenario.h"
 
 #include "PocInterface.h"

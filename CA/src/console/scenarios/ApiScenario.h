@@ -1,3 +1,5 @@
+// The API test runner (menu option 100 to 109): one keystore call and its
+// expected values.
 #ifndef TESSERA_CONSOLE_APISCENARIO_H
 #define TESSERA_CONSOLE_APISCENARIO_H
 

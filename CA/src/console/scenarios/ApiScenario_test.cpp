@@ -60,11 +60,11 @@ std::string ExpectedRows(const std::string& restoredAddressHex, const unsigned c
 // The address of the all-zero public key: what a failed recovery gives.
 constexpr const char* kZeroKeyAddress = "3f17f1962b36e491b30a40b2405849e597ba5fb5";
 
-class ApiTest : public scenario_testing::ScenarioTest {};
+class ApiScenarioTest : public scenario_testing::ScenarioTest {};
 
 // ---- the credential and the selection -------------------------------------
 
-TEST_F(ApiTest, EverySelectionMakesTheCredentialFirstWithTheDeploymentWords) {
+TEST_F(ApiScenarioTest, EverySelectionMakesTheCredentialFirstWithTheDeploymentWords) {
   for (int selection : {99, 100, 101, 102, 103, 104, 105, 106, 107, 108, 109, 110}) {
     keystore_doubles::Reset();
     (void)launchApiInterface(selection);
@@ -74,7 +74,7 @@ TEST_F(ApiTest, EverySelectionMakesTheCredentialFirstWithTheDeploymentWords) {
   }
 }
 
-TEST_F(ApiTest, FailedCredentialPrintsItsLineAndCallsNothing) {
+TEST_F(ApiScenarioTest, FailedCredentialPrintsItsLineAndCallsNothing) {
   for (int selection : {99, 100, 101, 102, 103, 104, 105, 106, 107, 108, 109, 110}) {
     keystore_doubles::Reset();
     keystore_doubles::SetCredentialResult(-1);
@@ -85,7 +85,7 @@ TEST_F(ApiTest, FailedCredentialPrintsItsLineAndCallsNothing) {
   }
 }
 
-TEST_F(ApiTest, SelectionsOutsideTheRangeAreSilentAndFalse) {
+TEST_F(ApiScenarioTest, SelectionsOutsideTheRangeAreSilentAndFalse) {
   test::TimeTracker::getInstance().setMode(1);
   for (int selection : {99, 110, 0, -1, 1, 200, INT_MIN, INT_MAX}) {
     keystore_doubles::Reset();
@@ -100,14 +100,14 @@ TEST_F(ApiTest, SelectionsOutsideTheRangeAreSilentAndFalse) {
 
 // ---- 100 generate ------------------------------------------------------------
 
-TEST_F(ApiTest, GenerateSeedSucceeds) {
+TEST_F(ApiScenarioTest, GenerateSeedSucceeds) {
   EXPECT_TRUE(launchApiInterface(100));
   EXPECT_EQ(output(), "Seed successfully generated\n");
   ASSERT_EQ(keystore_doubles::CalledFunctions(), std::vector<Fn>{Fn::kGenerateSeed});
   ExpectCredentialAndSelectors();
 }
 
-TEST_F(ApiTest, GenerateSeedFailsWithEveryCode) {
+TEST_F(ApiScenarioTest, GenerateSeedFailsWithEveryCode) {
   for (int32_t code : kFailureCodes) {
     Queue(Fn::kGenerateSeed, Failure(code));
     EXPECT_FALSE(launchApiInterface(100)) << code;
@@ -117,7 +117,7 @@ TEST_F(ApiTest, GenerateSeedFailsWithEveryCode) {
 
 // ---- 101 delete --------------------------------------------------------------
 
-TEST_F(ApiTest, DeleteSeedAlwaysFailsWithoutCallingTheKeystore) {
+TEST_F(ApiScenarioTest, DeleteSeedAlwaysFailsWithoutCallingTheKeystore) {
   test::TimeTracker::getInstance().setMode(1);
   EXPECT_FALSE(launchApiInterface(101));
   EXPECT_EQ(output(), "Failed to delete seed\n");
@@ -127,7 +127,7 @@ TEST_F(ApiTest, DeleteSeedAlwaysFailsWithoutCallingTheKeystore) {
 
 // ---- 102 restore -------------------------------------------------------------
 
-TEST_F(ApiTest, RestoreSeedSendsTheCurrentDataSetsSeed) {
+TEST_F(ApiScenarioTest, RestoreSeedSendsTheCurrentDataSetsSeed) {
   for (unsigned int d = 0; d < 5; ++d) {
     keystore_doubles::Reset();
     testData.setDataIndex(d);
@@ -142,7 +142,7 @@ TEST_F(ApiTest, RestoreSeedSendsTheCurrentDataSetsSeed) {
   }
 }
 
-TEST_F(ApiTest, RestoreSeedFailure) {
+TEST_F(ApiScenarioTest, RestoreSeedFailure) {
   for (int32_t code : kFailureCodes) {
     Queue(Fn::kRestoreSeed, Failure(code));
     EXPECT_FALSE(launchApiInterface(102));
@@ -152,7 +152,7 @@ TEST_F(ApiTest, RestoreSeedFailure) {
 
 // ---- 103 mnemonic ------------------------------------------------------------
 
-TEST_F(ApiTest, MnemonicPrintsExactlyTheReturnedBytesBesideTheExpectedPhrase) {
+TEST_F(ApiScenarioTest, MnemonicPrintsExactlyTheReturnedBytesBesideTheExpectedPhrase) {
   testData.setDataIndex(3);
   // No terminator: the buffer holds exactly the phrase (ASan would see a
   // read past its end).
@@ -170,7 +170,7 @@ TEST_F(ApiTest, MnemonicPrintsExactlyTheReturnedBytesBesideTheExpectedPhrase) {
   ExpectAllBuffersWiped();
 }
 
-TEST_F(ApiTest, MnemonicWithAReportedLengthShorterThanTheBufferPrintsThatMany) {
+TEST_F(ApiScenarioTest, MnemonicWithAReportedLengthShorterThanTheBufferPrintsThatMany) {
   Answer answer = Success(Bytes("abandon about"));
   answer.length = 7;
   Queue(Fn::kGetMnemonic, answer);
@@ -179,7 +179,7 @@ TEST_F(ApiTest, MnemonicWithAReportedLengthShorterThanTheBufferPrintsThatMany) {
                       "Expected mnemonic: [" + std::string(testData.ex_mnemonic()) + "]\n");
 }
 
-TEST_F(ApiTest, MnemonicSuccessWithANullBufferIsAFailure) {
+TEST_F(ApiScenarioTest, MnemonicSuccessWithANullBufferIsAFailure) {
   Answer answer;  // result 0, nothing handed out
   answer.length = 12;
   Queue(Fn::kGetMnemonic, answer);
@@ -189,7 +189,7 @@ TEST_F(ApiTest, MnemonicSuccessWithANullBufferIsAFailure) {
   EXPECT_GE(keystore_doubles::NullFrees(), 1u);
 }
 
-TEST_F(ApiTest, MnemonicSuccessWithLengthZeroAndABufferIsPrintedEmpty) {
+TEST_F(ApiScenarioTest, MnemonicSuccessWithLengthZeroAndABufferIsPrintedEmpty) {
   Answer answer = Success(Bytes("x"));
   answer.length = 0;
   Queue(Fn::kGetMnemonic, answer);
@@ -198,7 +198,7 @@ TEST_F(ApiTest, MnemonicSuccessWithLengthZeroAndABufferIsPrintedEmpty) {
                       "Expected mnemonic: [" + std::string(testData.ex_mnemonic()) + "]\n");
 }
 
-TEST_F(ApiTest, MnemonicFailureFreesWhateverWasHandedOver) {
+TEST_F(ApiScenarioTest, MnemonicFailureFreesWhateverWasHandedOver) {
   for (int32_t code : kFailureCodes) {
     Answer answer = Failure(code);
     answer.hands_out = true;
@@ -212,7 +212,7 @@ TEST_F(ApiTest, MnemonicFailureFreesWhateverWasHandedOver) {
 
 // ---- 104 sign ----------------------------------------------------------------
 
-TEST_F(ApiTest, SignRecoversTheSignerForEveryDataSetAndAccount) {
+TEST_F(ApiScenarioTest, SignRecoversTheSignerForEveryDataSetAndAccount) {
   for (unsigned int d = 0; d < 5; ++d) {
     for (unsigned int a = 0; a < 5; ++a) {
       keystore_doubles::Reset();
@@ -234,7 +234,7 @@ TEST_F(ApiTest, SignRecoversTheSignerForEveryDataSetAndAccount) {
   }
 }
 
-TEST_F(ApiTest, SignWithTheOtherParityRecoversAnotherAddress) {
+TEST_F(ApiScenarioTest, SignWithTheOtherParityRecoversAnotherAddress) {
   const auto r = testData.ex_sig_r();
   const auto s = testData.ex_sig_s();
   const unsigned char v = static_cast<unsigned char>(testData.ex_sig_v() ^ 1);
@@ -250,7 +250,7 @@ TEST_F(ApiTest, SignWithTheOtherParityRecoversAnotherAddress) {
   EXPECT_EQ(text, ExpectedRows(restored, r, s, v));
 }
 
-TEST_F(ApiTest, SignWithVOf27ShowsTheFailedRecovery) {
+TEST_F(ApiScenarioTest, SignWithVOf27ShowsTheFailedRecovery) {
   const auto r = testData.ex_sig_r();
   const auto s = testData.ex_sig_s();
   Queue(Fn::kSignTransaction, Success(Signature(r, s, 27)));
@@ -258,7 +258,7 @@ TEST_F(ApiTest, SignWithVOf27ShowsTheFailedRecovery) {
   EXPECT_EQ(output(), ExpectedRows(kZeroKeyAddress, r, s, 27));
 }
 
-TEST_F(ApiTest, SignUsesOnlyTheFirst65Bytes) {
+TEST_F(ApiScenarioTest, SignUsesOnlyTheFirst65Bytes) {
   std::vector<unsigned char> answer = ExpectedSignature();
   answer.insert(answer.end(), {0xAA, 0xBB, 0xCC});
   Queue(Fn::kSignTransaction, Success(answer));
@@ -267,7 +267,7 @@ TEST_F(ApiTest, SignUsesOnlyTheFirst65Bytes) {
                                    testData.ex_sig_s(), testData.ex_sig_v()));
 }
 
-TEST_F(ApiTest, SignWithAShortAnswerReadsNothingPastIt) {
+TEST_F(ApiScenarioTest, SignWithAShortAnswerReadsNothingPastIt) {
   // 40 bytes: r whole, s cut after 8 bytes. What is missing reads as zero;
   // nothing past the buffer is touched (ASan checks in its build).
   const std::vector<unsigned char> answer = Pattern(40, 0x10);
@@ -280,7 +280,7 @@ TEST_F(ApiTest, SignWithAShortAnswerReadsNothingPastIt) {
   EXPECT_NE(text.find(" sig_s: [" + Hex(s) + "]\n sig_v: [00]\n"), std::string::npos);
 }
 
-TEST_F(ApiTest, SignSuccessWithANullBufferIsAFailure) {
+TEST_F(ApiScenarioTest, SignSuccessWithANullBufferIsAFailure) {
   Answer answer;
   answer.length = 65;
   Queue(Fn::kSignTransaction, answer);
@@ -289,7 +289,7 @@ TEST_F(ApiTest, SignSuccessWithANullBufferIsAFailure) {
   EXPECT_GE(keystore_doubles::NullFrees(), 1u);
 }
 
-TEST_F(ApiTest, SignSuccessWithLengthZeroIsAFailureAndTheBufferIsFreed) {
+TEST_F(ApiScenarioTest, SignSuccessWithLengthZeroIsAFailureAndTheBufferIsFreed) {
   Answer answer = Success(ExpectedSignature());
   answer.length = 0;
   Queue(Fn::kSignTransaction, answer);
@@ -299,7 +299,7 @@ TEST_F(ApiTest, SignSuccessWithLengthZeroIsAFailureAndTheBufferIsFreed) {
   EXPECT_TRUE(keystore_doubles::Buffers()[0].freed);
 }
 
-TEST_F(ApiTest, SignFailure) {
+TEST_F(ApiScenarioTest, SignFailure) {
   for (int32_t code : kFailureCodes) {
     Queue(Fn::kSignTransaction, Failure(code));
     EXPECT_FALSE(launchApiInterface(104));
@@ -309,7 +309,7 @@ TEST_F(ApiTest, SignFailure) {
 
 // ---- 105 address ---------------------------------------------------------------
 
-TEST_F(ApiTest, AddressPrintsTheReturnedBytesBesideTheExpectedOne) {
+TEST_F(ApiScenarioTest, AddressPrintsTheReturnedBytesBesideTheExpectedOne) {
   testData.setDataIndex(2);
   testData.setAccountIndex(4);
   const std::vector<unsigned char> address = Pattern(20, 0xE0);
@@ -322,7 +322,7 @@ TEST_F(ApiTest, AddressPrintsTheReturnedBytesBesideTheExpectedOne) {
   ExpectCredentialAndSelectors();
 }
 
-TEST_F(ApiTest, AddressOfAnotherLengthIsPrintedWhole) {
+TEST_F(ApiScenarioTest, AddressOfAnotherLengthIsPrintedWhole) {
   const std::vector<unsigned char> address = Pattern(3, 0x01);
   Queue(Fn::kGetAddress, Success(address));
   EXPECT_TRUE(launchApiInterface(105));
@@ -330,7 +330,7 @@ TEST_F(ApiTest, AddressOfAnotherLengthIsPrintedWhole) {
                       "Expected address: [" + Hex(testData.ex_address(), 20) + "]\n");
 }
 
-TEST_F(ApiTest, AddressFailures) {
+TEST_F(ApiScenarioTest, AddressFailures) {
   Answer nullBuffer;
   nullBuffer.length = 20;
   Answer emptyLength = Success(Pattern(20, 1));
@@ -344,7 +344,7 @@ TEST_F(ApiTest, AddressFailures) {
 
 // ---- 106 private key -------------------------------------------------------------
 
-TEST_F(ApiTest, PrivateKeyIsPrintedAndWipedBeforeItIsFreed) {
+TEST_F(ApiScenarioTest, PrivateKeyIsPrintedAndWipedBeforeItIsFreed) {
   testData.setDataIndex(1);
   testData.setAccountIndex(2);
   const std::vector<unsigned char> key = Pattern(32, 0x41);
@@ -358,7 +358,7 @@ TEST_F(ApiTest, PrivateKeyIsPrintedAndWipedBeforeItIsFreed) {
   ExpectAllBuffersWiped();
 }
 
-TEST_F(ApiTest, PrivateKeyFailures) {
+TEST_F(ApiScenarioTest, PrivateKeyFailures) {
   Answer nullBuffer;
   nullBuffer.length = 32;
   Answer emptyLength = Success(Pattern(32, 1));
@@ -382,7 +382,7 @@ TEST_F(ApiTest, PrivateKeyFailures) {
 
 // ---- 107 / 108 PIN -----------------------------------------------------------------
 
-TEST_F(ApiTest, SavePinSendsTheSixDigitsWithoutTerminator) {
+TEST_F(ApiScenarioTest, SavePinSendsTheSixDigitsWithoutTerminator) {
   testData.setPinIndex(2);
   EXPECT_TRUE(launchApiInterface(107));
   const std::string pin = testData.pin();
@@ -394,13 +394,13 @@ TEST_F(ApiTest, SavePinSendsTheSixDigitsWithoutTerminator) {
   ExpectCredentialAndSelectors();
 }
 
-TEST_F(ApiTest, SavePinFailure) {
+TEST_F(ApiScenarioTest, SavePinFailure) {
   Queue(Fn::kSavePin, Failure(-99));
   EXPECT_FALSE(launchApiInterface(107));
   EXPECT_EQ(output(), "Failed to save pin\n");
 }
 
-TEST_F(ApiTest, CheckPinPrintsTheKeystoresVerdict) {
+TEST_F(ApiScenarioTest, CheckPinPrintsTheKeystoresVerdict) {
   testData.setPinIndex(3);
   const std::string line = " pin: [" + std::string(testData.pin()) + "] is ";
   const struct {
@@ -419,7 +419,7 @@ TEST_F(ApiTest, CheckPinPrintsTheKeystoresVerdict) {
   }
 }
 
-TEST_F(ApiTest, CheckPinFailure) {
+TEST_F(ApiScenarioTest, CheckPinFailure) {
   Queue(Fn::kCheckPin, Failure(-99));
   EXPECT_FALSE(launchApiInterface(108));
   EXPECT_EQ(output(), "Failed to check pin\n");
@@ -427,7 +427,7 @@ TEST_F(ApiTest, CheckPinFailure) {
 
 // ---- 109 check mnemonic --------------------------------------------------------------
 
-TEST_F(ApiTest, CheckMnemonicSendsThePhraseWithoutACredential) {
+TEST_F(ApiScenarioTest, CheckMnemonicSendsThePhraseWithoutACredential) {
   for (unsigned int d = 0; d < 5; ++d) {
     keystore_doubles::Reset();
     testData.setDataIndex(d);
@@ -442,14 +442,14 @@ TEST_F(ApiTest, CheckMnemonicSendsThePhraseWithoutACredential) {
   }
 }
 
-TEST_F(ApiTest, CheckMnemonicVerdictOtherThanOneIsIncorrect) {
+TEST_F(ApiScenarioTest, CheckMnemonicVerdictOtherThanOneIsIncorrect) {
   Queue(Fn::kCheckMnemonic, Verdict(0));
   EXPECT_TRUE(launchApiInterface(109));
   EXPECT_EQ(output(), "Mnemonic successfully checked: \n"
                       " mnemonic: [" + std::string(testData.ex_mnemonic()) + "] is INCORRECT\n");
 }
 
-TEST_F(ApiTest, CheckMnemonicFailure) {
+TEST_F(ApiScenarioTest, CheckMnemonicFailure) {
   Queue(Fn::kCheckMnemonic, Failure(-3));
   EXPECT_FALSE(launchApiInterface(109));
   EXPECT_EQ(output(), "Failed to check mnemonic\n");
@@ -457,7 +457,7 @@ TEST_F(ApiTest, CheckMnemonicFailure) {
 
 // ---- indices -----------------------------------------------------------------------
 
-TEST_F(ApiTest, AccountIndexMovesThePathAndTheExpectedRows) {
+TEST_F(ApiScenarioTest, AccountIndexMovesThePathAndTheExpectedRows) {
   for (unsigned int a = 0; a < 5; ++a) {
     keystore_doubles::Reset();
     testData.setAccountIndex(a);
@@ -482,7 +482,7 @@ TEST_F(ApiTest, AccountIndexMovesThePathAndTheExpectedRows) {
   }
 }
 
-TEST_F(ApiTest, DataSetChangesTheExpectedRowsButNotThePath) {
+TEST_F(ApiScenarioTest, DataSetChangesTheExpectedRowsButNotThePath) {
   keystore_doubles::SetDefault(Fn::kGetAddress, Success(Pattern(20, 0x70)));
   testData.setAccountIndex(1);
   std::vector<std::string> outputs;
@@ -501,7 +501,7 @@ TEST_F(ApiTest, DataSetChangesTheExpectedRowsButNotThePath) {
   }
 }
 
-TEST_F(ApiTest, NoSelectionChangesTheIndices) {
+TEST_F(ApiScenarioTest, NoSelectionChangesTheIndices) {
   testData.setDataIndex(4);
   testData.setAccountIndex(3);
   testData.setPinIndex(2);
@@ -520,7 +520,7 @@ TEST_F(ApiTest, NoSelectionChangesTheIndices) {
 
 // ---- timing --------------------------------------------------------------------------
 
-TEST_F(ApiTest, TheKeystoreCallIsInsideTheTimingBracket) {
+TEST_F(ApiScenarioTest, TheKeystoreCallIsInsideTheTimingBracket) {
   test::TimeTracker& tracker = test::TimeTracker::getInstance();
   tracker.setMode(1);
   Answer slow = Success(Pattern(20, 1));
@@ -536,7 +536,7 @@ TEST_F(ApiTest, TheKeystoreCallIsInsideTheTimingBracket) {
   EXPECT_GE(tracker.getElapsedTime(), 25u);
 }
 
-TEST_F(ApiTest, EveryCallingSelectionStopsTheMeasurementOnBothPaths) {
+TEST_F(ApiScenarioTest, EveryCallingSelectionStopsTheMeasurementOnBothPaths) {
   test::TimeTracker& tracker = test::TimeTracker::getInstance();
   tracker.setMode(1);
   keystore_doubles::SetDefault(Fn::kGetMnemonic, Success(Bytes("a")));
@@ -561,7 +561,7 @@ TEST_F(ApiTest, EveryCallingSelectionStopsTheMeasurementOnBothPaths) {
   output();
 }
 
-TEST_F(ApiTest, NothingIsMeasuredWhenTimingIsOff) {
+TEST_F(ApiScenarioTest, NothingIsMeasuredWhenTimingIsOff) {
   Answer slow = Success(Pattern(20, 1));
   slow.delay = std::chrono::milliseconds(5);
   Queue(Fn::kGetAddress, slow);

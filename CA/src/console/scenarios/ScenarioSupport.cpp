@@ -1,3 +1,5 @@
+// What the two scenarios share: the credential, output lines and the signature
+// layout.
 #include "ScenarioSupport.h"
 
 #include "DeploymentCredential.h"

@@ -1,3 +1,4 @@
+// Support shared by the two keystore scenarios.
 #ifndef TESSERA_CONSOLE_SCENARIOSUPPORT_H
 #define TESSERA_CONSOLE_SCENARIOSUPPORT_H
 

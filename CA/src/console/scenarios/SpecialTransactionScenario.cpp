@@ -1,3 +1,5 @@
+// The special transaction test: the special seed restored and its eleven
+// transactions signed.
 #include "SpecialTransactionScenario.h"
 
 #include "PocInterface.h"

@@ -1,3 +1,4 @@
+// The special transaction test: the special seed and its eleven transactions.
 #ifndef TESSERA_CONSOLE_SPECIALTRANSACTIONSCENARIO_H
 #define TESSERA_CONSOLE_SPECIALTRANSACTIONSCENARIO_H
 

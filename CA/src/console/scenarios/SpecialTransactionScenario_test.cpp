@@ -48,7 +48,7 @@ std::string SignatureLines(unsigned int i) {
          " sig_v: [" + Hex(sig.data() + 64, 1) + "]\n";
 }
 
-class SpecialTransactionTestTest : public scenario_testing::ScenarioTest {
+class SpecialTransactionScenarioTest : public scenario_testing::ScenarioTest {
  protected:
   // A keystore that answers every call well.
   static void ScriptHealthyKeystore(unsigned int signatures = kTransactions) {
@@ -67,7 +67,7 @@ class SpecialTransactionTestTest : public scenario_testing::ScenarioTest {
   }
 };
 
-TEST_F(SpecialTransactionTestTest, RestoresSignsElevenAndPrintsEverything) {
+TEST_F(SpecialTransactionScenarioTest, RestoresSignsElevenAndPrintsEverything) {
   ScriptHealthyKeystore();
   EXPECT_TRUE(specialTransactionTest(0));
   EXPECT_EQ(output(), FullOutput());
@@ -92,7 +92,7 @@ TEST_F(SpecialTransactionTestTest, RestoresSignsElevenAndPrintsEverything) {
   ExpectAllBuffersWiped();
 }
 
-TEST_F(SpecialTransactionTestTest, TheArgumentMakesNoDifference) {
+TEST_F(SpecialTransactionScenarioTest, TheArgumentMakesNoDifference) {
   ScriptHealthyKeystore();
   EXPECT_TRUE(specialTransactionTest(0));
   const std::string reference = output();
@@ -111,7 +111,7 @@ TEST_F(SpecialTransactionTestTest, TheArgumentMakesNoDifference) {
   }
 }
 
-TEST_F(SpecialTransactionTestTest, SignsWithAccountZeroAndPutsTheIndexBack) {
+TEST_F(SpecialTransactionScenarioTest, SignsWithAccountZeroAndPutsTheIndexBack) {
   testData.setAccountIndex(3);
   testData.setDataIndex(2);
   testData.setPinIndex(1);
@@ -126,7 +126,7 @@ TEST_F(SpecialTransactionTestTest, SignsWithAccountZeroAndPutsTheIndexBack) {
   EXPECT_EQ(testData.getPinIndex(), 1u);
 }
 
-TEST_F(SpecialTransactionTestTest, FailureAtTransactionFiveStopsThereAndPutsTheIndexBack) {
+TEST_F(SpecialTransactionScenarioTest, FailureAtTransactionFiveStopsThereAndPutsTheIndexBack) {
   testData.setAccountIndex(3);
   ScriptHealthyKeystore(5);
   Queue(Fn::kSignTransaction, Failure(-99));
@@ -146,7 +146,7 @@ TEST_F(SpecialTransactionTestTest, FailureAtTransactionFiveStopsThereAndPutsTheI
   EXPECT_EQ(testData.getAccountIndex(), 3u);
 }
 
-TEST_F(SpecialTransactionTestTest, SignatureWithoutBufferOrLengthIsAFailure) {
+TEST_F(SpecialTransactionScenarioTest, SignatureWithoutBufferOrLengthIsAFailure) {
   Answer nullBuffer;
   nullBuffer.length = 65;
   Answer emptyLength = Success(SignatureFor(0));
@@ -162,7 +162,7 @@ TEST_F(SpecialTransactionTestTest, SignatureWithoutBufferOrLengthIsAFailure) {
   }
 }
 
-TEST_F(SpecialTransactionTestTest, RestoreFailureEndsTheRunBeforeAnythingElse) {
+TEST_F(SpecialTransactionScenarioTest, RestoreFailureEndsTheRunBeforeAnythingElse) {
   testData.setAccountIndex(2);
   for (int32_t code : {-1, -2, -3, -99}) {
     keystore_doubles::Reset();
@@ -174,7 +174,7 @@ TEST_F(SpecialTransactionTestTest, RestoreFailureEndsTheRunBeforeAnythingElse) {
   }
 }
 
-TEST_F(SpecialTransactionTestTest, PrivateKeyFailuresEndTheRunAndPutTheIndexBack) {
+TEST_F(SpecialTransactionScenarioTest, PrivateKeyFailuresEndTheRunAndPutTheIndexBack) {
   Answer nullBuffer;
   nullBuffer.length = 32;
   Answer emptyLength = Success(kKey);
@@ -197,7 +197,7 @@ TEST_F(SpecialTransactionTestTest, PrivateKeyFailuresEndTheRunAndPutTheIndexBack
   }
 }
 
-TEST_F(SpecialTransactionTestTest, FailedCredentialPrintsItsLineAndCallsNothing) {
+TEST_F(SpecialTransactionScenarioTest, FailedCredentialPrintsItsLineAndCallsNothing) {
   testData.setAccountIndex(2);
   keystore_doubles::SetCredentialResult(-3);
   EXPECT_FALSE(specialTransactionTest(0));
@@ -206,7 +206,7 @@ TEST_F(SpecialTransactionTestTest, FailedCredentialPrintsItsLineAndCallsNothing)
   EXPECT_EQ(testData.getAccountIndex(), 2u);
 }
 
-TEST_F(SpecialTransactionTestTest, ShortSignatureIsReadOnlyAsFarAsItGoes) {
+TEST_F(SpecialTransactionScenarioTest, ShortSignatureIsReadOnlyAsFarAsItGoes) {
   Queue(Fn::kGetPrivateKey, Success(kKey));
   Queue(Fn::kSignTransaction, Success(Pattern(33, 0x01)));  // r and one byte of s
   for (unsigned int i = 1; i < kTransactions; ++i) {
@@ -223,7 +223,7 @@ TEST_F(SpecialTransactionTestTest, ShortSignatureIsReadOnlyAsFarAsItGoes) {
   EXPECT_EQ(output(), expected);
 }
 
-TEST_F(SpecialTransactionTestTest, EveryKeystoreCallIsTimedAndTheTimesAddUp) {
+TEST_F(SpecialTransactionScenarioTest, EveryKeystoreCallIsTimedAndTheTimesAddUp) {
   test::TimeTracker& tracker = test::TimeTracker::getInstance();
   tracker.setMode(1);
   Answer restore;

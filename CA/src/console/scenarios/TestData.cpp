@@ -1,3 +1,5 @@
+// The current test data: indices with their bounds, and accessors into the
+// generated tables.
 #include "TestData.h"
 
 #include "TestDataTables.h"

@@ -1,3 +1,5 @@
+// The built-in test data and the indices that choose the current data set,
+// account and PIN.
 #ifndef TESSERA_CONSOLE_TESTDATA_H
 #define TESSERA_CONSOLE_TESTDATA_H
 

@@ -1,7 +1,9 @@
+// Tests of the test data: bounds of the indices and the values each choice
+// gives.
 #include "TestData.h"
 
 #include "ConsoleTestSupport.h"
-#include "HexUtils.h"
+#include "tessera/testing/hex.h"
 #include "TestDataTables.h"
 
 #include <gtest/gtest.h>
@@ -24,7 +26,7 @@ const unsigned int kAccountIndexAtStart = test::testData.getAccountIndex();
 const unsigned int kPinIndexAtStart = test::testData.getPinIndex();
 
 std::string hex(const unsigned char* data, unsigned int length) {
-  return uint8_to_hex_string(data, length);
+  return tessera::testing::Hex(data, length);
 }
 
 // Everything that depends on the data set and account, as text.

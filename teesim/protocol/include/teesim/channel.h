@@ -1,6 +1,8 @@
 /*
- * Sending and receiving whole frames, with their file descriptors, on an
- * AF_UNIX SOCK_SEQPACKET socket.
+ * Sending and receiving whole frames, with their file descriptors, on AF_UNIX
+ * sockets: one frame per recvmsg on the SOCK_SEQPACKET links to and from the
+ * daemon, and a StreamReader that cuts frames out of a SOCK_STREAM session
+ * channel.
  */
 #ifndef TEESIM_CHANNEL_H
 #define TEESIM_CHANNEL_H

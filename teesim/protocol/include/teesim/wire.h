@@ -1,6 +1,7 @@
 /*
  * The teesim wire format: every frame exchanged between libteec, the teesim
- * daemon and TA instance processes, with its one encoder and one parser.
+ * daemon and TA instance processes, with its one encoder and one parser
+ * (fuzzed by fuzz/teesim_wire_fuzz.cpp).
  *
  * Transport. Links to and from the daemon are AF_UNIX SOCK_SEQPACKET
  * sockets: one recvmsg gives exactly one frame. Session channels (client to
@@ -120,6 +121,30 @@ enum class MsgType : uint16_t {
   HostDestroy = 21,
 };
 
+/* Where a result comes from (the u32 "origin" of replies). The numbers are
+ * the GP client API's return origins: the client library hands them to its
+ * caller unchanged and checks at compile time that the names agree. A value
+ * read from a frame may be none of these; it is passed on as it is. */
+enum class Origin : uint32_t {
+  Api = 1,        /* the client library itself                   */
+  Comms = 2,      /* the links between client, daemon and TA     */
+  Tee = 3,        /* the daemon or the TA instance's host code   */
+  TrustedApp = 4, /* the TA's own entry point                    */
+};
+
+/* How a client identifies itself when it opens a session (the u32 "login"
+ * of OPEN_SESSION and HOST_OPEN). The numbers are the GP login methods,
+ * the same on the client side and in the TA's view of its client; the
+ * daemon refuses any other value. */
+enum class Login : uint32_t {
+  Public = 0,
+  User = 1,
+  Group = 2,
+  Application = 4,
+  UserApplication = 5,
+  GroupApplication = 6,
+};
+
 /* Parameter kinds. Bits 0-1: direction (1 in, 2 out, 3 in/out); bits 2-3:
  * carrier (0 value, 1 inline buffer, 2 shared memory). */
 enum class ParamKind : uint8_t {
@@ -169,14 +194,16 @@ struct HelloReply {
 struct OpenSession {
   static constexpr MsgType kType = MsgType::OpenSession;
   Uuid ta;
-  uint32_t login = 0;
+  Login login{};
   bool has_group = false;
   uint32_t group = 0;
   Params params;
 };
 struct OpenSessionReply {
   static constexpr MsgType kType = MsgType::OpenSessionReply;
-  uint32_t result = 0, origin = 0, session_id = 0;
+  uint32_t result = 0;
+  Origin origin{};
+  uint32_t session_id = 0;
   Params params;
 };
 struct Invoke {
@@ -186,7 +213,8 @@ struct Invoke {
 };
 struct InvokeReply {
   static constexpr MsgType kType = MsgType::InvokeReply;
-  uint32_t result = 0, origin = 0;
+  uint32_t result = 0;
+  Origin origin{};
   Params params;
 };
 struct CloseSession {
@@ -215,7 +243,7 @@ struct HostInit {
 struct HostInitReply {
   static constexpr MsgType kType = MsgType::HostInitReply;
   uint32_t result = 0;
-  uint32_t origin = 0;
+  Origin origin{};
   uint32_t ta_flags = 0;
   std::string name;
   std::string error;
@@ -223,13 +251,14 @@ struct HostInitReply {
 struct HostOpen {
   static constexpr MsgType kType = MsgType::HostOpen;
   uint32_t session_id = 0;
-  uint32_t login = 0;
+  Login login{};
   Uuid client_id;
   Params params;
 };
 struct HostOpenReply {
   static constexpr MsgType kType = MsgType::HostOpenReply;
-  uint32_t session_id = 0, result = 0, origin = 0;
+  uint32_t session_id = 0, result = 0;
+  Origin origin{};
   Params params;
 };
 struct HostSessionClosed {

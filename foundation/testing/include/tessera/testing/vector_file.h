@@ -29,6 +29,10 @@ std::vector<VectorLine> ReadVectorFile(const std::string& path, char separator =
  * when it cannot be read. */
 std::string ReadTextFile(const std::string& path);
 
+/* Reads the whole file at `path`, or returns "" when there is none yet (a
+ * log that nothing has written to). */
+std::string ReadTextFileOrEmpty(const std::string& path);
+
 }  // namespace tessera::testing
 
 #endif  // TESSERA_TESTING_VECTOR_FILE_H

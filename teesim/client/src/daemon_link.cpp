@@ -1,9 +1,12 @@
+/* libteec's way to the daemon: find its socket, start it when none serves, greet it. */
 #include "daemon_link.h"
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pwd.h>
 #include <signal.h>
 #include <spawn.h>
+#include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -15,7 +18,7 @@
 #include <cstring>
 #include <vector>
 
-#include "dlog.h"
+#include "client_log.h"
 #include "teesim/channel.h"
 #include "teesim/paths.h"
 #include "teesim/wire.h"
@@ -55,13 +58,39 @@ int connect_socket(const std::string& path, UniqueFd* out) {
   return 0;
 }
 
-/* A socket of another user could be an impostor collecting our secrets. */
+#ifndef TEESIM_SERVICE_USER
+#error "TEESIM_SERVICE_USER must name the system user of the teesim service"
+#endif
+static_assert(sizeof TEESIM_SERVICE_USER > 1, "TEESIM_SERVICE_USER must not be empty");
+
+/* The socket of the teesim service, which users other than root try first
+ * when TEESIM_SOCKET is unset (root's default is that socket already). */
+constexpr const char* kServiceSocket = "/run/teesim/teesim.sock";
+
+/* The uid of the service's system user, or nothing when there is none. */
+bool service_uid(uid_t* out) {
+  long n = ::sysconf(_SC_GETPW_R_SIZE_MAX);
+  std::vector<char> buf(n > 0 ? static_cast<size_t>(n) : 16384);
+  passwd pw{};
+  passwd* found = nullptr;
+  if (::getpwnam_r(TEESIM_SERVICE_USER, &pw, buf.data(), buf.size(), &found) != 0 ||
+      found == nullptr)
+    return false;
+  *out = found->pw_uid;
+  return true;
+}
+
+/* A socket of another user could be an impostor collecting our secrets:
+ * only this user's, root's and the service user's are trusted (a system
+ * account that no other user can act as). */
 bool socket_owner_ok(const std::string& path, std::string* why) {
   struct stat st{};
   if (::lstat(path.c_str(), &st) != 0) return true; /* connect will say why */
-  if (st.st_uid != ::geteuid() && st.st_uid != 0) {
+  uid_t service = 0;
+  bool of_service = service_uid(&service) && st.st_uid == service;
+  if (st.st_uid != ::geteuid() && st.st_uid != 0 && !of_service) {
     *why = "the socket " + path + " belongs to uid " + std::to_string(st.st_uid) +
-           ", not to this user or root; refusing to use it";
+           ", not to this user, root or the " TEESIM_SERVICE_USER " service; refusing to use it";
     return false;
   }
   return true;
@@ -165,9 +194,8 @@ bool start_daemon(const std::string& socket_path, std::string* why) {
   if (WIFEXITED(status) &&
       (WEXITSTATUS(status) == 0 || WEXITSTATUS(status) == kDaemonAlreadyRunning)) {
     if (WEXITSTATUS(status) == 0)
-      __dlog_print(LOG_ID_SYSTEM, DLOG_INFO, "TEEC",
-                   "started the TEE daemon %s for %s; its log is %s", daemon.c_str(),
-                   socket_path.c_str(), log_file.c_str());
+      log::write(log::Level::Info, "started the TEE daemon %s for %s; its log is %s", daemon.c_str(),
+                 socket_path.c_str(), log_file.c_str());
     return true;
   }
   said = trim(said);
@@ -226,6 +254,25 @@ bool greet(int fd, std::string* why) {
 }
 
 }  // namespace
+
+bool connect_service(UniqueFd* out, std::string* socket_path) {
+  const char* chosen = ::secure_getenv("TEESIM_SOCKET");
+  if ((chosen != nullptr && chosen[0] != '\0') || ::geteuid() == 0) return false;
+  struct stat st{};
+  uid_t service = 0;
+  if (::lstat(kServiceSocket, &st) != 0 || !S_ISSOCK(st.st_mode) || !service_uid(&service) ||
+      st.st_uid != service)
+    return false;
+  std::string why;
+  if (connect_daemon(kServiceSocket, /*may_start=*/false, out, &why) != TEEC_SUCCESS) {
+    /* Typically: not a member of the service's group. The user's own
+     * daemon serves instead. */
+    log::write(log::Level::Info, "not using the teesim service: %s", why.c_str());
+    return false;
+  }
+  *socket_path = kServiceSocket;
+  return true;
+}
 
 TEEC_Result connect_daemon(const std::string& socket_path, bool may_start, UniqueFd* out,
                            std::string* why) {

@@ -30,8 +30,9 @@
 #include <unordered_set>
 #include <vector>
 
+#include "client_log.h"
 #include "daemon_link.h"
-#include "dlog.h"
+#include "secure_wipe.h"
 #include "teesim/channel.h"
 #include "teesim/paths.h"
 #include "teesim/uuid.h"
@@ -94,9 +95,25 @@ std::mutex g_mu;
 std::unordered_map<const void*, Kind> g_live;
 std::unordered_set<const TEEC_Operation*> g_cancelled;
 
+/* The daemon and TA instances speak of origins and login methods in the
+ * protocol's terms; they are the client API's numbers. */
+static_assert(static_cast<uint32_t>(w::Origin::Api) == TEEC_ORIGIN_API);
+static_assert(static_cast<uint32_t>(w::Origin::Comms) == TEEC_ORIGIN_COMMS);
+static_assert(static_cast<uint32_t>(w::Origin::Tee) == TEEC_ORIGIN_TEE);
+static_assert(static_cast<uint32_t>(w::Origin::TrustedApp) == TEEC_ORIGIN_TRUSTED_APP);
+static_assert(static_cast<uint32_t>(w::Login::Public) == TEEC_LOGIN_PUBLIC);
+static_assert(static_cast<uint32_t>(w::Login::User) == TEEC_LOGIN_USER);
+static_assert(static_cast<uint32_t>(w::Login::Group) == TEEC_LOGIN_GROUP);
+static_assert(static_cast<uint32_t>(w::Login::Application) == TEEC_LOGIN_APPLICATION);
+static_assert(static_cast<uint32_t>(w::Login::UserApplication) == TEEC_LOGIN_USER_APPLICATION);
+static_assert(static_cast<uint32_t>(w::Login::GroupApplication) == TEEC_LOGIN_GROUP_APPLICATION);
+
 void set_origin(uint32_t* origin, uint32_t value) {
   if (origin != nullptr) *origin = value;
 }
+
+/* An origin from a reply, handed to the caller as it came. */
+void set_origin(uint32_t* origin, w::Origin value) { set_origin(origin, static_cast<uint32_t>(value)); }
 
 template <typename T>
 T* live(const void* imp, Kind kind) {
@@ -123,7 +140,7 @@ void log_error(const char* fmt, ...) {
   va_start(ap, fmt);
   std::vsnprintf(msg, sizeof msg, fmt, ap);
   va_end(ap);
-  __dlog_print(LOG_ID_SYSTEM, DLOG_ERROR, "TEEC", "%s", msg);
+  log::write(log::Level::Error, "%s", msg);
 }
 
 void log_warn(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
@@ -133,7 +150,7 @@ void log_warn(const char* fmt, ...) {
   va_start(ap, fmt);
   std::vsnprintf(msg, sizeof msg, fmt, ap);
   va_end(ap);
-  __dlog_print(LOG_ID_SYSTEM, DLOG_WARN, "TEEC", "%s", msg);
+  log::write(log::Level::Warn, "%s", msg);
 }
 
 /* ---- parameters ------------------------------------------------------------ */
@@ -363,7 +380,7 @@ void break_session(Session* s) {
 
 /* Frames carry copies of memref bytes: they are wiped once used. */
 void wipe(std::vector<uint8_t>& buf, size_t used) {
-  if (used > 0) ::explicit_bzero(buf.data(), std::min(used, buf.size()));
+  tessera_secure_wipe(buf.data(), std::min(used, buf.size()));
 }
 
 /* Sends one frame and waits for the one answer of the expected type. The
@@ -416,9 +433,14 @@ TEEC_EXPORT TEEC_Result TEEC_InitializeContext(const char* name, TEEC_Context* c
     return TEEC_ERROR_ITEM_NOT_FOUND;
   }
   auto* ctx = new Context;
-  ctx->socket = socket;
   std::string why;
-  TEEC_Result r = connect_daemon(socket, /*may_start=*/true, &ctx->fd, &why);
+  TEEC_Result r = TEEC_SUCCESS;
+  if (name == nullptr && connect_service(&ctx->fd, &socket)) {
+    ctx->socket = socket;
+  } else {
+    ctx->socket = socket;
+    r = connect_daemon(socket, /*may_start=*/true, &ctx->fd, &why);
+  }
   if (r != TEEC_SUCCESS) {
     log_error("TEEC_InitializeContext: %s", why.c_str());
     delete ctx;
@@ -560,7 +582,7 @@ TEEC_EXPORT TEEC_Result TEEC_OpenSession(TEEC_Context* context, TEEC_Session* se
   w::OpenSession msg;
   msg.ta = teesim::uuid_from_fields(destination->timeLow, destination->timeMid,
                                     destination->timeHiAndVersion, destination->clockSeqAndNode);
-  msg.login = connectionMethod;
+  msg.login = static_cast<w::Login>(connectionMethod);
   switch (connectionMethod) {
     case TEEC_LOGIN_PUBLIC:
     case TEEC_LOGIN_USER:
@@ -606,12 +628,12 @@ TEEC_EXPORT TEEC_Result TEEC_OpenSession(TEEC_Context* context, TEEC_Session* se
   w::Status st = w::parse_frame(ctx->recv.data(), static_cast<size_t>(n), &f);
   if (st == w::Status::Ok && f.tag != tag) st = w::Status::BadField;
   if (st == w::Status::Ok) st = w::decode(f, fds.count, &reply);
-  if (st != w::Status::Ok || (reply.origin == TEEC_ORIGIN_TRUSTED_APP && !reply_matches(m, reply.params))) {
+  if (st != w::Status::Ok || (reply.origin == w::Origin::TrustedApp && !reply_matches(m, reply.params))) {
     wipe(ctx->recv, static_cast<size_t>(n));
     log_error("TEEC_OpenSession: malformed answer from the TEE daemon (%s)", w::status_name(st));
     return TEEC_ERROR_COMMUNICATION;
   }
-  if (reply.origin == TEEC_ORIGIN_TRUSTED_APP) unmarshal(operation, m, reply.params);
+  if (reply.origin == w::Origin::TrustedApp) unmarshal(operation, m, reply.params);
   wipe(ctx->recv, static_cast<size_t>(n));
   set_origin(returnOrigin, reply.origin);
   if (reply.result != TEEC_SUCCESS) return reply.result;
@@ -669,13 +691,13 @@ TEEC_EXPORT TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t comma
 
   w::InvokeReply reply;
   if (!exchange(s, m.nfds, m.fds, tag, &reply) ||
-      (reply.origin == TEEC_ORIGIN_TRUSTED_APP && !reply_matches(m, reply.params))) {
+      (reply.origin == w::Origin::TrustedApp && !reply_matches(m, reply.params))) {
     s->reader.wipe_consumed();
     break_session(s);
     set_origin(returnOrigin, s->broken_origin);
     return s->broken_result;
   }
-  if (reply.origin == TEEC_ORIGIN_TRUSTED_APP) {
+  if (reply.origin == w::Origin::TrustedApp) {
     /* The TA ran, so the instance mapped and kept everything attached. */
     s->shm_known.insert(m.attached_ids.begin(), m.attached_ids.end());
     unmarshal(operation, m, reply.params);
