@@ -30,7 +30,8 @@ case "$width" in
     scripts/install-deps.sh test "$width"
     cmake --preset "$width" >/dev/null
     if [ -n "$only_e2e" ]; then
-      cmake --build --preset "$width" --target tessera teesim teesim_tahost keystore_ta \
+      cmake --build --preset "$width" --target tessera teesim teesim_tahost teesim_private_daemon \
+        keystore_ta \
         keystore_console_test keystore_e2e_test keystore_restart_test
       ctest --preset "$width" -L integration
     else

@@ -26,7 +26,8 @@ python3-ecdsa python3-pycryptodome python3-bip32utils"
 deb_pkgs="debhelper dpkg-dev lintian"
 packaging_test_pkgs="debootstrap mandoc systemd"
 # What a cross build of the host world links, for the target.
-target_libs="libjsoncpp-dev libssl-dev libsecp256k1-dev libgtest-dev libgmock-dev libbenchmark-dev"
+target_libs="libjsoncpp-dev libssl-dev libsecp256k1-dev libgtest-dev libgmock-dev libbenchmark-dev
+libsystemd-dev"
 
 # The armhf libraries are extracted into a sysroot instead of being installed
 # as multiarch packages: a multiarch package must have the same version on
