@@ -22,6 +22,7 @@ TEEClient::TEEClient()
       contextOpen_(false),
       sessionOpen_(false),
       memoryAllocated_(false),
+      openNotice_(true),
       last_{TEEC_SUCCESS, 0},
       invokes_(0),
       inFlight_(nullptr) {}
@@ -30,9 +31,11 @@ TEEClient::~TEEClient() { Close(); }
 
 bool TEEClient::Open() {
   if (!OpenContext() || !OpenSession() || !AllocateMemory()) return false;
-  TESSERA_LOG(DLOG_INFO, "TEE connection has been set");
+  if (openNotice_) TESSERA_LOG(DLOG_INFO, "TEE connection has been set");
   return true;
 }
+
+void TEEClient::setOpenNotice(bool on) { openNotice_ = on; }
 
 void TEEClient::Close() {
   FreeMemory();

@@ -63,9 +63,17 @@ class TEEClient {
   /* Makes the connection usable: OpenContext(), OpenSession(),
    * AllocateMemory(), stopping at the first that fails.
    * Returns true when all three resources are held; then it also logs
-   * "TEE connection has been set" (information), on every call. On false
-   * the failing step has logged why; resources already held are kept. */
+   * "TEE connection has been set" (information), on every call, unless
+   * setOpenNotice(false) turned that line off. On false the failing step
+   * has logged why; resources already held are kept. */
   [[nodiscard]] bool Open();
+
+  /* Turns the information line of a successful Open() on (the default) or
+   * off. The keystore functions open the connection on every call, so a
+   * tool that makes thousands of calls turns it off to keep the platform
+   * log readable (and each call free of a log write); failures are logged
+   * either way. */
+  void setOpenNotice(bool on);
 
   /* Releases the shared memory, closes the session and finalises the
    * context, each only if held. Safe to call any number of times. */
@@ -134,6 +142,7 @@ class TEEClient {
   bool contextOpen_;
   bool sessionOpen_;
   bool memoryAllocated_;
+  bool openNotice_;
   Outcome last_;
   unsigned long invokes_;
   // The operation of the command in flight, for RequestCancellation(); the

@@ -74,6 +74,23 @@ TEST_F(TEEClientTest, SecondOpenMakesNoLibraryCallAndLogsAgain) {
   ExpectLine(captured_log::Lines()[1], DLOG_INFO, "Open", "TEE connection has been set");
 }
 
+TEST_F(TEEClientTest, OpenNoticeCanBeTurnedOffAndOnWhileFailuresAreAlwaysLogged) {
+  client::TEEClient tee;
+  tee.setOpenNotice(false);
+  fake_teec::FailNext(Fn::kOpenSession, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE);
+  EXPECT_FALSE(tee.Open());
+  ASSERT_EQ(captured_log::Lines().size(), 1u);
+  ExpectLine(captured_log::Lines()[0], DLOG_ERROR, "OpenSession",
+             "Failed to open TEE session, result = 4294901773, retOrigin = 3");
+  ASSERT_TRUE(tee.Open());
+  ASSERT_TRUE(tee.Open());
+  EXPECT_EQ(captured_log::Lines().size(), 1u) << "no notice while it is off";
+  tee.setOpenNotice(true);
+  ASSERT_TRUE(tee.Open());
+  ASSERT_EQ(captured_log::Lines().size(), 2u);
+  ExpectLine(captured_log::Lines()[1], DLOG_INFO, "Open", "TEE connection has been set");
+}
+
 TEST_F(TEEClientTest, ContextFailureIsLoggedAndTheNextOpenRetriesIt) {
   client::TEEClient tee;
   fake_teec::FailNext(Fn::kInitializeContext, TEEC_ERROR_COMMUNICATION);
