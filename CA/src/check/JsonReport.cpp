@@ -38,6 +38,19 @@ Json::Value CaseRecord(const CaseOutcome& o) {
   return record;
 }
 
+Json::Value CallRecordOf(const CallRecord& call, int id, unsigned run) {
+  Json::Value r;
+  r["record"] = "call";
+  r["case"] = id;
+  r["run"] = run;
+  r["function"] = call.function;
+  r["duration_us"] = Json::UInt64(call.duration_us);
+  r["rc"] = call.rc;
+  r["tee_result"] = Code(call.tee_result);
+  r["tee_origin"] = call.tee_origin;
+  return r;
+}
+
 }  // namespace
 
 std::string JsonReport(const RunReport& report, const std::string& wallet_line,
@@ -51,7 +64,7 @@ std::string JsonReport(const RunReport& report, const std::string& wallet_line,
   root["summary"]["failed"] = tally.failed;
   root["summary"]["skipped"] = tally.skipped;
   root["wall_us"] = Json::UInt64(report.wallUs);
-  root["keystore_us"] = Json::UInt64(TotalCallMicroseconds(report.outcomes));
+  root["keystore_us"] = Json::UInt64(TotalCallMicroseconds(report.outcomes, report.leaveCalls));
 
   Json::Value& records = root["records"] = Json::Value(Json::arrayValue);
   for (const CaseOutcome& o : report.outcomes) {
@@ -72,23 +85,13 @@ std::string JsonReport(const RunReport& report, const std::string& wallet_line,
         }
         records.append(r);
       }
-      for (const CallRecord& call : run.calls) {
-        Json::Value r;
-        r["record"] = "call";
-        r["case"] = o.id;
-        r["run"] = run.run;
-        r["function"] = call.function;
-        r["duration_us"] = Json::UInt64(call.duration_us);
-        r["rc"] = call.rc;
-        r["tee_result"] = Code(call.tee_result);
-        r["tee_origin"] = call.tee_origin;
-        records.append(r);
-      }
+      for (const CallRecord& call : run.calls) records.append(CallRecordOf(call, o.id, run.run));
     }
   }
+  for (const CallRecord& call : report.leaveCalls) records.append(CallRecordOf(call, 0, 0));
 
   Json::Value& calls = root["calls"] = Json::Value(Json::arrayValue);
-  for (const FunctionSummary& f : SummarizeCalls(report.outcomes)) {
+  for (const FunctionSummary& f : SummarizeCalls(report.outcomes, report.leaveCalls)) {
     Json::Value c;
     c["function"] = f.function;
     c["count"] = Json::UInt64(f.summary.count);

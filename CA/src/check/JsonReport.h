@@ -4,14 +4,15 @@
  *
  *   { "tool": "tessera-check", "version": ..., "wallet": <first line>,
  *     "summary": {"passed", "failed", "skipped"},
- *     "wall_us": <the run>, "keystore_us": <sum of every call's duration>,
+ *     "wall_us": <the run>, "keystore_us": <sum of every keystore call's duration>,
  *     "records": [
  *       {"record": "case", "id", "name", "area", "verdict", "reason",
  *        "runs": [{"run", "verdict", "reason", "duration_us"}]},
  *       {"record": "check", "case", "run", "name", "passed", "at_us"
  *        [, "expected", "actual", "detail" when failed]},
  *       {"record": "call", "case", "run", "function", "duration_us", "rc",
- *        "tee_result", "tee_origin"}, ...],
+ *        "tee_result", "tee_origin"}, ...,
+ *       the calls that left the wallet after the cases: "case" and "run" 0],
  *     "calls": [{"function", "count", "min_us", "median_us", "p90_us", "max_us"}] }
  * Records of a case follow its case record. TEE results are "0x" and 8 hex
  * digits.

@@ -163,7 +163,11 @@ class Collector : public Listener {
   void CallEnd(const CallRecord& call) override {
     in_call_ = false;
     cancel_requested_ = false;
-    if (in_case_) run_.calls.push_back(call);
+    if (in_case_) {
+      run_.calls.push_back(call);
+    } else if (ready_) {
+      leave_calls_.push_back(call);  // after the cases: leaving the wallet
+    }
   }
   void CancelRequested(const std::string& function) override {
     cancel_requested_ = true;
@@ -197,6 +201,7 @@ class Collector : public Listener {
   bool unusable_ = false;
   std::string unusable_reason_;
   bool malformed_ = false;
+  std::vector<CallRecord> leave_calls_;
   bool wallet_left_ = false;
   bool wallet_ok_ = true;
   std::string wallet_detail_;
@@ -417,6 +422,7 @@ RunReport Run(const RunSettings& settings, Progress& progress) {
   }
   if (report.usable) c.Release();
   report.outcomes = std::move(c.outcomes());
+  report.leaveCalls = std::move(c.leave_calls_);
   report.walletLeft = c.wallet_left_;
   report.walletLeftOk = c.wallet_ok_;
   report.walletDetail = c.wallet_detail_;

@@ -57,6 +57,7 @@ struct RunReport {
   bool usable = true;
   std::string unusable;
   std::vector<CaseOutcome> outcomes;  // every chosen case, in order
+  std::vector<CallRecord> leaveCalls; // the keystore calls that left the wallet
   bool walletLeft = false;            // the run restored the announced seed ...
   bool walletLeftOk = true;           // ... successfully
   std::string walletDetail;           // why not

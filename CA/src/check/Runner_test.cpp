@@ -164,6 +164,8 @@ TEST_F(RunnerTest, ADestructiveRunLeavesTheWalletAndSaysWhenItCannot) {
   ASSERT_TRUE(r.usable) << r.unusable;
   EXPECT_TRUE(r.walletLeft);
   EXPECT_TRUE(r.walletLeftOk) << r.walletDetail;
+  ASSERT_EQ(r.leaveCalls.size(), 1u) << "the restore that left the wallet, and no probe";
+  EXPECT_EQ(r.leaveCalls[0].function, "poc_restore_seed");
   const auto& calls = fake_teec::Calls();  // the parent never calls the TEE itself
   EXPECT_TRUE(calls.empty());
 

@@ -20,8 +20,10 @@ Summary Summarize(std::vector<uint64_t> samples) {
   return s;
 }
 
-std::vector<FunctionSummary> SummarizeCalls(const std::vector<CaseOutcome>& outcomes) {
+std::vector<FunctionSummary> SummarizeCalls(const std::vector<CaseOutcome>& outcomes,
+                                            const std::vector<CallRecord>& more) {
   std::map<std::string, std::vector<uint64_t>> by_function;
+  for (const CallRecord& call : more) by_function[call.function].push_back(call.duration_us);
   for (const CaseOutcome& o : outcomes) {
     for (const CaseRun& run : o.runs) {
       for (const CallRecord& call : run.calls) by_function[call.function].push_back(call.duration_us);
@@ -32,8 +34,10 @@ std::vector<FunctionSummary> SummarizeCalls(const std::vector<CaseOutcome>& outc
   return out;
 }
 
-uint64_t TotalCallMicroseconds(const std::vector<CaseOutcome>& outcomes) {
+uint64_t TotalCallMicroseconds(const std::vector<CaseOutcome>& outcomes,
+                               const std::vector<CallRecord>& more) {
   uint64_t total = 0;
+  for (const CallRecord& call : more) total += call.duration_us;
   for (const CaseOutcome& o : outcomes) {
     for (const CaseRun& run : o.runs) {
       for (const CallRecord& call : run.calls) total += call.duration_us;

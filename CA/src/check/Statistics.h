@@ -30,12 +30,14 @@ struct FunctionSummary {
   Summary summary;
 };
 
-/* Returns one summary per poc_* function called in any run of any case,
- * ordered by function name. */
-[[nodiscard]] std::vector<FunctionSummary> SummarizeCalls(const std::vector<CaseOutcome>& outcomes);
+/* Returns one summary per poc_* function called in any run of any case or
+ * in `more` (calls made outside the cases), ordered by function name. */
+[[nodiscard]] std::vector<FunctionSummary> SummarizeCalls(const std::vector<CaseOutcome>& outcomes,
+                                                          const std::vector<CallRecord>& more = {});
 
-/* Returns the sum of the durations of every call in every run. */
-[[nodiscard]] uint64_t TotalCallMicroseconds(const std::vector<CaseOutcome>& outcomes);
+/* Returns the sum of the durations of every call in every run and in `more`. */
+[[nodiscard]] uint64_t TotalCallMicroseconds(const std::vector<CaseOutcome>& outcomes,
+                                             const std::vector<CallRecord>& more = {});
 
 }  // namespace check
 

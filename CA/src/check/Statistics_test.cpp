@@ -65,6 +65,9 @@ TEST(Statistics, CallsAreGroupedByFunctionOverEveryRun) {
   EXPECT_EQ(s[1].summary.median, 20u);
   EXPECT_EQ(s[1].summary.max, 30u);
   EXPECT_EQ(TotalCallMicroseconds({a, b}), 65u);
+  const std::vector<CallRecord> more = {{"poc_a", 7, 0, 0, 0}};
+  EXPECT_EQ(TotalCallMicroseconds({a, b}, more), 72u);
+  EXPECT_EQ(SummarizeCalls({a, b}, more)[0].summary.count, 2u);
 }
 
 }  // namespace

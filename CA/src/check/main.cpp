@@ -84,7 +84,8 @@ int main(int argc, char** argv) {
   if (!report.usable) return Fail(report.unusable);
 
   if (options.repeatGiven) {
-    std::fputs(check::CallTable(check::SummarizeCalls(report.outcomes)).c_str(), stdout);
+    std::fputs(check::CallTable(check::SummarizeCalls(report.outcomes, report.leaveCalls)).c_str(),
+               stdout);
   }
   const check::Tally tally = check::Count(report.outcomes);
   int status = tally.failed == 0 ? kAllPassed : kSomethingFailed;
