@@ -179,6 +179,16 @@ TEST(JsonReport, RecordsPerCaseCheckAndCallWithTimings) {
   EXPECT_EQ(r[7]["verdict"].asString(), "skipped");
   EXPECT_EQ(r[7]["reason"].asString(), "needs --seed HEX");
 
+  // Text that JSON must escape survives the round trip.
+  RunReport odd;
+  odd.outcomes = {Skipped()};
+  odd.outcomes[0].reason = "quote \" backslash \\ tab \t newline \n byte \x01 high \xc3";
+  Json::Value back;
+  std::istringstream odd_in(JsonReport(odd, "", ""));
+  ASSERT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), odd_in, &back, &errors)) << errors;
+  EXPECT_EQ(back["records"][0]["reason"].asString(),
+            "quote \" backslash \\ tab \t newline \n byte \x01 high \xc3\x83");
+
   const Json::Value& calls = root["calls"];
   ASSERT_EQ(calls.size(), 2u);
   EXPECT_EQ(calls[0]["function"].asString(), "poc_check_mnemonic");
