@@ -5,34 +5,28 @@
 
 namespace check {
 
-CallWatchdog::CallWatchdog(Listener& next, std::chrono::milliseconds limit, Cancel cancel)
-    : next_(next), limit_(limit), cancel_(std::move(cancel)), thread_([this] { Watch(); }) {}
+CallWatchdog::CallWatchdog(std::chrono::milliseconds limit, OnDeadline on_deadline)
+    : limit_(limit), onDeadline_(std::move(on_deadline)), thread_([this] { Watch(); }) {}
 
 CallWatchdog::~CallWatchdog() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     stopping_ = true;
   }
-  changed_.notify_all();
+  stop_.notify_all();
   thread_.join();
 }
 
-void CallWatchdog::CallBegin(const std::string& function) {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    call_ = ++calls_;
-    function_ = function;
-    deadline_ = std::chrono::steady_clock::now() + limit_;
-  }
-  next_.CallBegin(function);
+void CallWatchdog::Begin(const std::string& function) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  call_ = ++calls_;
+  function_ = function;
+  deadline_ = std::chrono::steady_clock::now() + limit_;
 }
 
-void CallWatchdog::CallEnd(const CallRecord& call) {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    call_ = 0;
-  }
-  next_.CallEnd(call);
+void CallWatchdog::End() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  call_ = 0;
 }
 
 // Calls begin and end without waking this thread (a wake-up per call would
@@ -42,21 +36,18 @@ void CallWatchdog::CallEnd(const CallRecord& call) {
 void CallWatchdog::Watch() {
   std::unique_lock<std::mutex> lock(mutex_);
   while (!stopping_) {
-    if (call_ == 0 || call_ == cancelled_) {
-      changed_.wait_for(lock, limit_);
+    if (call_ == 0 || call_ == expired_) {
+      stop_.wait_for(lock, limit_);
       continue;
     }
     if (std::chrono::steady_clock::now() < deadline_) {
-      changed_.wait_until(lock, deadline_);
+      stop_.wait_until(lock, deadline_);
       continue;
     }
-    cancelled_ = call_;
+    expired_ = call_;
     const std::string function = function_;
-    // Cancelling must not hold this lock: the call's own thread takes it
-    // when the call returns.
     lock.unlock();
-    cancel_();
-    next_.CancelRequested(function);
+    onDeadline_(function);
     lock.lock();
   }
 }

@@ -1,7 +1,10 @@
 // Comparisons shared by the case areas.
 #include "CaseChecks.h"
 
+#include <array>
 #include <cstring>
+#include <memory>
+#include <utility>
 
 #include "Describe.h"
 #include "keystore_ta.h"
@@ -34,6 +37,23 @@ bool CheckSigner(CaseContext& ctx, const std::string& name, const unsigned char 
   const Address recovered = RecoverSigner(digest, signature);
   if (recovered == signer) return ctx.Check(name, true);
   return ctx.Check(name, false, AddressText(signer), AddressText(recovered));
+}
+
+void DeferKeyGivesAddress(CaseContext& ctx, std::string name, SecretBytes key, const Address& address) {
+  // std::function needs a copyable callable: the key is shared, not copied.
+  auto held = std::make_shared<SecretBytes>(std::move(key));
+  ctx.Defer([name = std::move(name), held, address](CaseContext& c) {
+    CheckKeyGivesAddress(c, name, *held, address);
+  });
+}
+
+void DeferSigner(CaseContext& ctx, std::string name, const unsigned char digest[32],
+                 const Signature& signature, const Address& signer) {
+  std::array<unsigned char, KEYSTORE_DIGEST_SIZE> message;
+  std::memcpy(message.data(), digest, message.size());
+  ctx.Defer([name = std::move(name), message, signature, signer](CaseContext& c) {
+    CheckSigner(c, name, message.data(), signature, signer);
+  });
 }
 
 bool CheckSignatureForm(CaseContext& ctx, const std::string& name, const Signature& signature) {

@@ -34,6 +34,13 @@ bool CheckKeyGivesAddress(CaseContext& ctx, const std::string& name, const Secre
 bool CheckSigner(CaseContext& ctx, const std::string& name, const unsigned char digest[32],
                  const Signature& signature, const Address& signer);
 
+/* CheckKeyGivesAddress and CheckSigner deferred (CaseContext::Defer): the
+ * arithmetic runs after the case's calls, beside the next case's. They
+ * take their own copies; the key is wiped when the check is done. */
+void DeferKeyGivesAddress(CaseContext& ctx, std::string name, SecretBytes key, const Address& address);
+void DeferSigner(CaseContext& ctx, std::string name, const unsigned char digest[32],
+                 const Signature& signature, const Address& signer);
+
 /* S is in the lower half of the group order and v is 0 or 1. */
 bool CheckSignatureForm(CaseContext& ctx, const std::string& name, const Signature& signature);
 

@@ -6,11 +6,12 @@
 namespace check {
 
 CaseContext::CaseContext(Listener& listener, const credential& cred, const SecretBytes* own_seed,
-                         uint64_t call_limit_us)
+                         uint64_t call_limit_us, CallWatchdog* watchdog)
     : listener_(listener),
       cred_(cred),
       ownSeed_(own_seed),
       callLimitUs_(call_limit_us),
+      watchdog_(watchdog),
       start_(Clock::now()) {}
 
 void CaseContext::CheckDuration(const CallRecord& call) {

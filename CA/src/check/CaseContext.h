@@ -7,15 +7,22 @@
  * follow (a keystore call failed, an answer has the wrong size), the case
  * ends at once with Stop(), which throws CaseStopped for the worker to
  * catch. The case's verdict is failed when any check failed.
+ *
+ * Checks that need only the client's own arithmetic can be deferred
+ * (Defer): the worker makes them after the case's code has returned, on
+ * its verifier thread, while the next case waits on the keystore.
  */
 #ifndef TESSERA_CHECK_CASECONTEXT_H
 #define TESSERA_CHECK_CASECONTEXT_H
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <utility>
+#include <vector>
 
+#include "CallWatchdog.h"
 #include "Listener.h"
 #include "Results.h"
 #include "SecretBytes.h"
@@ -36,9 +43,10 @@ class CaseContext {
    *     this); cred, the caller's credential (borrowed); own_seed, the
    *     operator's seed bytes, or null when none was given (borrowed);
    *     call_limit_us, how long one call may take (0: no limit): a call
-   *     that returns later adds a failed check. */
+   *     that returns later adds a failed check; watchdog, told when each
+   *     call begins and ends (borrowed; null: none). */
   CaseContext(Listener& listener, const credential& cred, const SecretBytes* own_seed,
-              uint64_t call_limit_us = 0);
+              uint64_t call_limit_us = 0, CallWatchdog* watchdog = nullptr);
 
   [[nodiscard]] const credential& cred() const { return cred_; }
   /* Returns the operator's seed, or null when --seed was not given. */
@@ -51,9 +59,11 @@ class CaseContext {
   template <typename F>
   CallRecord Call(const char* function, F&& call) {
     listener_.CallBegin(function);
+    if (watchdog_ != nullptr) watchdog_->Begin(function);
     const Clock::time_point start = Clock::now();
     const int32_t rc = std::forward<F>(call)();
     const Clock::time_point end = Clock::now();
+    if (watchdog_ != nullptr) watchdog_->End();
     const client::TEEClient::Outcome tee = client::TEEClient::getInstance().lastOutcome();
     CallRecord record{function, Microseconds(start, end), rc, tee.result, tee.origin};
     listener_.CallEnd(record);
@@ -74,6 +84,15 @@ class CaseContext {
   /* Ends the case now (throws CaseStopped). Record the reason first. */
   [[noreturn]] void Stop();
 
+  /* A check made later, on this context, by whoever runs the case: it must
+   * own everything it needs (copies; secrets in holders that wipe) and
+   * must not call the keystore. Deferred checks are recorded after every
+   * immediate check of the case, in the order they were deferred. */
+  using Deferred = std::function<void(CaseContext&)>;
+  void Defer(Deferred check) { deferred_.push_back(std::move(check)); }
+  /* Hands the deferred checks over (the context keeps none). */
+  [[nodiscard]] std::vector<Deferred> TakeDeferred() { return std::move(deferred_); }
+
   /* Returns true when a check has failed. */
   [[nodiscard]] bool failed() const { return !firstFailure_.empty(); }
   /* Returns the failure line of the first failed check ("" when none). */
@@ -91,6 +110,8 @@ class CaseContext {
   const credential& cred_;
   const SecretBytes* ownSeed_;
   uint64_t callLimitUs_;
+  CallWatchdog* watchdog_;
+  std::vector<Deferred> deferred_;
   Clock::time_point start_;
   std::string firstFailure_;
   unsigned failedChecks_ = 0;

@@ -50,6 +50,7 @@ Ran RunOne(int id) {
   } catch (const CaseStopped&) {
     ran.stopped = true;
   }
+  for (CaseContext::Deferred& later : ctx.TakeDeferred()) later(ctx);  // as the verifier does
   ran.checks = listener.checks;
   ran.firstFailure = ctx.firstFailure();
   ran.failed = ctx.failedChecks();

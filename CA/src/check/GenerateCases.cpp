@@ -3,6 +3,7 @@
 // for the keystore's own check, differs from the phrase before it, and its
 // private key, address and a recovered signer agree.
 #include <string>
+#include <utility>
 
 #include "CaseChecks.h"
 #include "CaseInfo.h"
@@ -43,13 +44,14 @@ void KeysAgree(CaseContext& ctx) {
   constexpr unsigned kAccount = 0;
   const std::string path = keystore::PathText(kAccount);
   keystore::Generate(ctx, "generate a seed");
-  const SecretBytes key = keystore::PrivateKey(ctx, kAccount);
+  SecretBytes key = keystore::PrivateKey(ctx, kAccount);
   const Address address = keystore::GetAddress(ctx, kAccount);
-  CheckKeyGivesAddress(ctx, "address at " + path + " is that of its private key", key, address);
   const unsigned char* digest = test::api_test_digest();
   const Signature signature = keystore::Sign(ctx, kAccount, digest, "sign the test digest at " + path);
-  CheckSigner(ctx, "signature at " + path + " recovers to its address", digest, signature, address);
   CheckSignatureForm(ctx, "signature at " + path, signature);
+  DeferKeyGivesAddress(ctx, "address at " + path + " is that of its private key", std::move(key),
+                       address);
+  DeferSigner(ctx, "signature at " + path + " recovers to its address", digest, signature, address);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 // agree. Nothing of the operator's seed — phrase or key — is ever shown;
 // a failure shows addresses only.
 #include <string>
+#include <utility>
 
 #include "CaseChecks.h"
 #include "CaseInfo.h"
@@ -37,13 +38,14 @@ void PhraseIsValid(CaseContext& ctx) {
 void AccountAgrees(CaseContext& ctx, unsigned account) {
   const std::string path = keystore::PathText(account);
   RestoreOwnSeed(ctx);
-  const SecretBytes key = keystore::PrivateKey(ctx, account);
+  SecretBytes key = keystore::PrivateKey(ctx, account);
   const Address address = keystore::GetAddress(ctx, account);
-  CheckKeyGivesAddress(ctx, "address at " + path + " is that of its private key", key, address);
   const unsigned char* digest = test::api_test_digest();
   const Signature signature = keystore::Sign(ctx, account, digest, "sign the test digest at " + path);
-  CheckSigner(ctx, "signature at " + path + " recovers to its address", digest, signature, address);
   CheckSignatureForm(ctx, "signature at " + path, signature);
+  DeferKeyGivesAddress(ctx, "address at " + path + " is that of its private key", std::move(key),
+                       address);
+  DeferSigner(ctx, "signature at " + path + " recovers to its address", digest, signature, address);
 }
 
 }  // namespace

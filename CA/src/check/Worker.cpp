@@ -1,7 +1,13 @@
 // The worker's loop: connection, credential, cases, the wallet left behind.
+//
+// Each case run has a context and a report channel of its own. The case's
+// code runs on this thread; its deferred checks and its end go to the
+// verifier thread, so that the next case's keystore calls overlap them; the
+// report gate keeps every run's reports in order.
 #include "Worker.h"
 
 #include <exception>
+#include <memory>
 #include <string>
 
 #include "CallWatchdog.h"
@@ -10,8 +16,10 @@
 #include "Describe.h"
 #include "KeystoreCalls.h"
 #include "PlatformLogTail.h"
+#include "ReportGate.h"
 #include "TEEClient.h"
 #include "TestData.h"
+#include "Verifier.h"
 #include "keystore_ta.h"
 #include "secure_wipe.h"
 #include "securestorage.h"
@@ -21,14 +29,15 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Opens the connection step by step, timed like a keystore call so that
-// the runner's deadline covers it. On failure *reason says which step
-// failed, with the TEE's result, and what the client library logged.
-bool OpenConnection(Listener& report, std::string* reason) {
+// Opens the connection step by step, watched like a keystore call. On
+// failure *reason says which step failed, with the TEE's result, and what
+// the client library logged.
+bool OpenConnection(Listener& report, CallWatchdog& watchdog, std::string* reason) {
   client::TEEClient& tee = client::TEEClient::getInstance();
   const PlatformLogTail log;
   static const char kFunction[] = "open the TEE connection";
   report.CallBegin(kFunction);
+  watchdog.Begin(kFunction);
   const Clock::time_point start = Clock::now();
   const char* failed = nullptr;
   if (!tee.OpenContext()) {
@@ -38,6 +47,7 @@ bool OpenConnection(Listener& report, std::string* reason) {
   } else if (!tee.AllocateMemory()) {
     failed = "TEEC_AllocateSharedMemory (8192 bytes)";
   }
+  watchdog.End();
   const client::TEEClient::Outcome outcome = tee.lastOutcome();
   report.CallEnd({kFunction, CaseContext::Microseconds(start, Clock::now()), failed ? -3 : 0,
                   outcome.result, outcome.origin});
@@ -53,29 +63,68 @@ uint64_t LimitUs(const WorkerPlan& plan) {
   return static_cast<uint64_t>(plan.callLimit.count()) * 1000;
 }
 
+// What the worker shares between its threads.
+struct Pipeline {
+  Pipeline(Listener& out, const WorkerPlan& plan)
+      : gate(out),
+        watchdog(plan.callLimit, [this, &out](const std::string& function) {
+          client::TEEClient::getInstance().RequestCancellation();
+          // The runner stops the worker for the case it heard of last: let
+          // every earlier case's end go out first.
+          verifier.Drain();
+          out.CancelRequested(function);
+        }) {}
+  ReportGate gate;
+  Verifier verifier;
+  CallWatchdog watchdog;
+  unsigned long next = 0;  // number of the next case run
+};
+
+// Runs one case's code here, then hands its deferred checks and its end to
+// the verifier.
 void RunCase(const WorkerPlan& plan, const CaseInfo& info, unsigned run, const credential& cred,
-             Listener& report) {
-  report.CaseBegin(info.id, run);
-  CaseContext ctx(report, cred, plan.ownSeed, LimitUs(plan));
+             Pipeline& p) {
+  const unsigned long seq = p.next++;
+  std::shared_ptr<Listener> channel = p.gate.Channel(seq);
+  auto ctx = std::make_shared<CaseContext>(*channel, cred, plan.ownSeed, LimitUs(plan), &p.watchdog);
+  channel->CaseBegin(info.id, run);
   const Clock::time_point start = Clock::now();
   try {
-    info.run(ctx);
+    info.run(*ctx);
   } catch (const CaseStopped&) {
     // the reason is the failed check recorded before
   } catch (const std::exception& e) {
-    ctx.Check("the case ran to its end", false, "", "", std::string("unexpected error: ") + e.what());
+    ctx->Check("the case ran to its end", false, "", "", std::string("unexpected error: ") + e.what());
   }
-  std::string reason = ctx.firstFailure();
-  if (ctx.failedChecks() > 1) {
-    reason += " (and " + std::to_string(ctx.failedChecks() - 1) + " more failed check" +
-              (ctx.failedChecks() > 2 ? "s)" : ")");
-  }
-  report.CaseEnd(ctx.failed() ? Verdict::kFailed : Verdict::kPassed, reason,
-                 CaseContext::Microseconds(start, Clock::now()));
+  const uint64_t own_us = CaseContext::Microseconds(start, Clock::now());
+  auto deferred = std::make_shared<std::vector<CaseContext::Deferred>>(ctx->TakeDeferred());
+  p.verifier.Submit([ctx, channel, deferred, own_us, seq, &p] {
+    const Clock::time_point later = Clock::now();
+    for (CaseContext::Deferred& check : *deferred) {
+      try {
+        check(*ctx);
+      } catch (const CaseStopped&) {
+      } catch (const std::exception& e) {
+        ctx->Check("a deferred check ran to its end", false, "", "",
+                   std::string("unexpected error: ") + e.what());
+      }
+    }
+    deferred->clear();  // keys go now
+    std::string reason = ctx->firstFailure();
+    if (ctx->failedChecks() > 1) {
+      reason += " (and " + std::to_string(ctx->failedChecks() - 1) + " more failed check" +
+                (ctx->failedChecks() > 2 ? "s)" : ")");
+    }
+    channel->CaseEnd(ctx->failed() ? Verdict::kFailed : Verdict::kPassed, reason,
+                     own_us + CaseContext::Microseconds(later, Clock::now()));
+    p.gate.Ended(seq);
+  });
 }
 
-void LeaveWallet(const WorkerPlan& plan, const credential& cred, Listener& report) {
-  CaseContext ctx(report, cred, nullptr, LimitUs(plan));
+void LeaveWallet(const WorkerPlan& plan, const credential& cred, Pipeline& p) {
+  p.verifier.Drain();  // every case has ended
+  std::unique_ptr<Listener> channel = p.gate.Channel(p.next++);
+  CaseContext ctx(*channel, cred, nullptr, LimitUs(plan), &p.watchdog);
   const test::TestData data;
   try {
     if (plan.leaveSeed != nullptr) {
@@ -86,7 +135,7 @@ void LeaveWallet(const WorkerPlan& plan, const credential& cred, Listener& repor
     }
   } catch (const CaseStopped&) {
   }
-  report.WalletLeft(!ctx.failed(), ctx.firstFailure());
+  channel->WalletLeft(!ctx.failed(), ctx.firstFailure());
 }
 
 }  // namespace
@@ -95,29 +144,32 @@ void RunWorker(const WorkerPlan& plan, Listener& out) {
   // Every poc_* call opens the connection; one log line per call would
   // flood the platform log (failures are still logged).
   client::TEEClient::getInstance().setOpenNotice(false);
-  CallWatchdog report(out, plan.callLimit, [] { client::TEEClient::getInstance().RequestCancellation(); });
-  std::string reason;
-  if (plan.probe) {
-    if (!OpenConnection(report, &reason)) {
-      report.Unusable(reason);
-      client::TEEClient::getInstance().Close();
-      return;
-    }
-    report.Ready();
-  }
   credential cred{};
-  const int made = ss_init_credential(&cred, tessera::kCredentialWords[0], tessera::kCredentialWords[1],
-                                      tessera::kCredentialWords[2], tessera::kCredentialWords[3],
-                                      tessera::kCredentialWords[4], tessera::kCredentialVersion,
-                                      tessera::kCredentialFlags);
-  if (made != SS_SUCCESS) {
-    report.Unusable("ss_init_credential failed with " + std::to_string(made));
-  } else {
-    for (const CaseInfo* info : plan.cases) {
-      for (unsigned run = 1; run <= plan.repeat; ++run) RunCase(plan, *info, run, cred, report);
+  {
+    Pipeline p(out, plan);
+    std::string reason;
+    if (plan.probe) {
+      if (!OpenConnection(out, p.watchdog, &reason)) {
+        out.Unusable(reason);
+        client::TEEClient::getInstance().Close();
+        return;
+      }
+      out.Ready();
     }
-    if (plan.leaveWallet) LeaveWallet(plan, cred, report);
-  }
+    const int made = ss_init_credential(&cred, tessera::kCredentialWords[0], tessera::kCredentialWords[1],
+                                        tessera::kCredentialWords[2], tessera::kCredentialWords[3],
+                                        tessera::kCredentialWords[4], tessera::kCredentialVersion,
+                                        tessera::kCredentialFlags);
+    if (made != SS_SUCCESS) {
+      out.Unusable("ss_init_credential failed with " + std::to_string(made));
+    } else {
+      for (const CaseInfo* info : plan.cases) {
+        for (unsigned run = 1; run <= plan.repeat; ++run) RunCase(plan, *info, run, cred, p);
+      }
+      if (plan.leaveWallet) LeaveWallet(plan, cred, p);
+      p.verifier.Drain();
+    }
+  }  // the verifier and the watchdog stop here, before the credential goes
   tessera_secure_wipe(&cred, sizeof cred);
   client::TEEClient::getInstance().Close();
 }

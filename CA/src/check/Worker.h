@@ -31,10 +31,11 @@ struct WorkerPlan {
   std::chrono::milliseconds callLimit{30000};
 };
 
-/* Runs the plan, reporting to `out` (through a CallWatchdog that asks the
- * TEE to cancel a call that outlives callLimit). A case that throws
- * anything but CaseStopped fails with the exception's message. Returns
- * when everything was reported; the connection is closed and the
+/* Runs the plan, reporting to `out` (which must take reports from the
+ * worker's other threads too). A call that outlives callLimit is cancelled
+ * (TEEClient::RequestCancellation) and reported (CancelRequested). A case
+ * that throws anything but CaseStopped fails with the exception's message.
+ * Returns when everything was reported; the connection is closed and the
  * credential wiped before it returns. */
 void RunWorker(const WorkerPlan& plan, Listener& out);
 
