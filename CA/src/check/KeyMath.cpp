@@ -46,10 +46,12 @@ const EC_GROUP* Secp256k1() {
 std::optional<Address> AddressOfPrivateKey(const unsigned char key[32]) {
   const EC_GROUP* group = Secp256k1();
   if (group == nullptr) return std::nullopt;
-  std::unique_ptr<BN_CTX, CtxFree> ctx(BN_CTX_new());
-  std::unique_ptr<BIGNUM, BnFree> k(BN_bin2bn(key, 32, nullptr));
+  // A secure context: the ladder's temporaries, derived from the key, are
+  // cleared when it is freed.
+  std::unique_ptr<BN_CTX, CtxFree> ctx(BN_CTX_secure_new());
+  std::unique_ptr<BIGNUM, BnFree> k(BN_secure_new());
   std::unique_ptr<EC_POINT, PointFree> point(EC_POINT_new(group));
-  if (!ctx || !k || !point) return std::nullopt;
+  if (!ctx || !k || !point || BN_bin2bn(key, 32, k.get()) == nullptr) return std::nullopt;
   if (BN_is_zero(k.get()) || BN_cmp(k.get(), EC_GROUP_get0_order(group)) >= 0) return std::nullopt;
   BN_set_flags(k.get(), BN_FLG_CONSTTIME);
   if (EC_POINT_mul(group, point.get(), k.get(), nullptr, nullptr, ctx.get()) != 1) return std::nullopt;

@@ -82,8 +82,8 @@ void UnknownWord(CaseContext& ctx) {
 
 void WrongWordCount(CaseContext& ctx) {
   const std::string twelve = test::vectors::kMnemonics[0];
-  ExpectRefused(ctx, twelve.substr(0, twelve.rfind(' ')));  // 11 words
   ExpectRefused(ctx, twelve + " about");                     // 13 words
+  ExpectRefused(ctx, twelve.substr(0, twelve.rfind(' ')));  // 11 words
   ExpectRefused(ctx, "abandon");
 }
 

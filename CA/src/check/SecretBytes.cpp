@@ -29,10 +29,6 @@ SecretBytes& SecretBytes::operator=(SecretBytes&& other) noexcept {
   return *this;
 }
 
-std::string SecretBytes::text() const {
-  return std::string(reinterpret_cast<const char*>(bytes_.data()), bytes_.size());
-}
-
 void SecretBytes::clear() {
   tessera_secure_wipe(bytes_.data(), bytes_.size());
   bytes_.clear();

@@ -8,7 +8,6 @@
 #define TESSERA_CHECK_SECRETBYTES_H
 
 #include <cstddef>
-#include <string>
 #include <vector>
 
 namespace check {
@@ -28,8 +27,6 @@ class SecretBytes {
   [[nodiscard]] const unsigned char* data() const { return bytes_.data(); }
   [[nodiscard]] std::size_t size() const { return bytes_.size(); }
   [[nodiscard]] bool empty() const { return bytes_.empty(); }
-  /* The bytes as text (for phrases); the copy is the caller's to wipe. */
-  [[nodiscard]] std::string text() const;
 
   /* Wipes the bytes and makes the holder empty. */
   void clear();
