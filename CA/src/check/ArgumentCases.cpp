@@ -22,15 +22,15 @@ using keystore::kSelectorLo;
 
 // Values the outputs hold before a call; a refusal leaves them.
 constexpr unsigned kUntouched = 0xA5A5A5A5u;
-unsigned char kMarker = 0;  // its address is the pointer value an output starts with
+unsigned char marker = 0;  // its address is the pointer value an output starts with
 
 struct Outputs {
-  unsigned char* bytes = &kMarker;
-  char* text = reinterpret_cast<char*>(&kMarker);
+  unsigned char* bytes = &marker;
+  char* text = reinterpret_cast<char*>(&marker);
   unsigned length = kUntouched;
   unsigned verdict = kUntouched;
   [[nodiscard]] bool untouched() const {
-    return bytes == &kMarker && text == reinterpret_cast<char*>(&kMarker) && length == kUntouched &&
+    return bytes == &marker && text == reinterpret_cast<char*>(&marker) && length == kUntouched &&
            verdict == kUntouched;
   }
 };
@@ -50,8 +50,8 @@ void ExpectRefused(CaseContext& ctx, const char* function, const std::string& wh
             std::to_string(tee.invokeCount() - invokes) + " command(s) reached the TEE");
   ctx.Check(label + " writes no output", out.untouched(), "", "", "an output was written");
   // A function that wrongly succeeded handed over a buffer: not leaked.
-  if (out.bytes != &kMarker) std::free(out.bytes);
-  if (out.text != reinterpret_cast<char*>(&kMarker)) std::free(out.text);
+  if (out.bytes != &marker) std::free(out.bytes);
+  if (out.text != reinterpret_cast<char*>(&marker)) std::free(out.text);
 }
 
 const unsigned char* Digest() { return test::api_test_digest(); }

@@ -125,6 +125,13 @@ class Collector : public Listener {
     Finalize(cursor_);
   }
 
+  /* Fails case `i`, which no worker began. */
+  void FailUnrun(std::size_t i, const std::string& why) {
+    cursor_ = i;
+    in_case_ = false;
+    FailCurrent(why);
+  }
+
   // ---- what the worker reports ----
   void Ready() override {
     ready_ = true;
@@ -399,9 +406,14 @@ RunReport Run(const RunSettings& settings, Progress& progress) {
     const std::string why = c.malformed_ ? "the case's process sent a malformed report"
                                          : c.StopReason(end.killed, end.status);
     c.malformed_ = false;
-    if (clean) {
+    if (clean) {  // it ran everything it was given; anything else is its fault
+      for (std::size_t k = next; k < to_run.size(); ++k) {
+        if (!c.IsFinal(to_run[k])) {
+          c.FailUnrun(to_run[k], "the case's process ended without running it");
+        }
+      }
       next = to_run.size();
-      if (!wallet_done) c.WalletLeft(false, "the worker ended without leaving the wallet");
+      if (!wallet_done) c.WalletLeft(false, "the case's process ended without leaving the wallet");
       wallet_done = true;
       continue;
     }
