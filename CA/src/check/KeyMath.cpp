@@ -2,7 +2,9 @@
 #include "KeyMath.h"
 
 #include <openssl/bn.h>
+#include <openssl/crypto.h>
 #include <openssl/ec.h>
+#include <openssl/evp.h>
 #include <openssl/obj_mac.h>
 
 #include <algorithm>
@@ -42,6 +44,14 @@ const EC_GROUP* Secp256k1() {
 }
 
 }  // namespace
+
+void PrepareKeyMath() {
+  OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CONFIG, nullptr);
+  (void)Secp256k1();
+  // Digests are fetched from the providers on first use (the credential is
+  // a SHA-256).
+  EVP_MD_free(EVP_MD_fetch(nullptr, "SHA2-256", nullptr));
+}
 
 std::optional<Address> AddressOfPrivateKey(const unsigned char key[32]) {
   const EC_GROUP* group = Secp256k1();

@@ -31,6 +31,12 @@ using Signature = std::array<unsigned char, KEYSTORE_SIGNATURE_SIZE>;
  * test::tools::RestoreAddress recovers it (r, s, v from the 65 bytes). */
 [[nodiscard]] Address RecoverSigner(const unsigned char digest[32], const Signature& signature);
 
+/* Makes OpenSSL ready ahead of the first check: it reads its configuration
+ * and loads its providers on first use, and the curve is built once; done
+ * early, on another thread, that work overlaps the opening of the TEE
+ * connection. Safe to call from any thread, any number of times. */
+void PrepareKeyMath();
+
 /* Returns true when s (32 bytes, big-endian) is in 1 .. n/2, the lower half
  * of the group order that canonical signatures use. */
 [[nodiscard]] bool IsLowS(const unsigned char s[32]);

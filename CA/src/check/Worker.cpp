@@ -14,6 +14,7 @@
 #include "CaseContext.h"
 #include "DeploymentCredential.h"
 #include "Describe.h"
+#include "KeyMath.h"
 #include "KeystoreCalls.h"
 #include "PlatformLogTail.h"
 #include "ReportGate.h"
@@ -147,6 +148,7 @@ void RunWorker(const WorkerPlan& plan, Listener& out) {
   credential cred{};
   {
     Pipeline p(out, plan);
+    p.verifier.Submit(PrepareKeyMath);  // beside the connection's opening
     std::string reason;
     if (plan.probe) {
       if (!OpenConnection(out, p.watchdog, &reason)) {
