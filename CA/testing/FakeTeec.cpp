@@ -26,6 +26,7 @@ struct State {
   std::set<const TEEC_Context*> contexts;
   std::map<const TEEC_Session*, const TEEC_Context*> sessions;
   std::map<const TEEC_SharedMemory*, const TEEC_Context*> memory;
+  const TEEC_Operation* running = nullptr;  // while the handler answers it
 };
 
 // Never destroyed: the client's singleton may release its resources from a
@@ -282,14 +283,20 @@ TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t commandID,
     return TEEC_SUCCESS;
   }
   uint32_t origin = TEEC_ORIGIN_TRUSTED_APP;
+  S().running = operation;
   result = S().handler(commandID, *shm, &origin);
+  S().running = nullptr;
   fake_teec::SetOrigin(returnOrigin, origin);
   return result;
 }
 
-void TEEC_RequestCancellation(TEEC_Operation*) {
-  S().calls.push_back(Call{Fn::kRequestCancellation});
-  fake_teec::Misused(Fn::kRequestCancellation, "the keystore client never cancels");
+void TEEC_RequestCancellation(TEEC_Operation* operation) {
+  Call call{Fn::kRequestCancellation};
+  call.in_flight = operation != nullptr && operation == S().running;
+  S().calls.push_back(call);
+  if (!call.in_flight) {
+    fake_teec::Misused(Fn::kRequestCancellation, "no command of this operation is running");
+  }
 }
 
 }  // extern "C"

@@ -63,6 +63,9 @@ struct Call {
   uint32_t command = 0;
   TEEC_Operation operation{};
   std::vector<unsigned char> request;
+  // RequestCancellation: whether the operation was that of the command the
+  // handler is answering at that moment (the only valid use).
+  bool in_flight = false;
 };
 
 /* Plays the TA: gets the command and the shared memory (request inside),

@@ -23,15 +23,21 @@ TEEClient::TEEClient()
       sharedMemory_{},
       contextOpen_(false),
       sessionOpen_(false),
-      memoryAllocated_(false) {}
+      memoryAllocated_(false),
+      openNotice_(true),
+      last_{TEEC_SUCCESS, 0},
+      invokes_(0),
+      inFlight_(nullptr) {}
 
 TEEClient::~TEEClient() { Close(); }
 
 bool TEEClient::Open() {
   if (!OpenContext() || !OpenSession() || !AllocateMemory()) return false;
-  TESSERA_LOG(DLOG_INFO, "TEE connection has been set");
+  if (openNotice_) TESSERA_LOG(DLOG_INFO, "TEE connection has been set");
   return true;
 }
+
+void TEEClient::setOpenNotice(bool on) { openNotice_ = on; }
 
 void TEEClient::Close() {
   FreeMemory();
@@ -42,6 +48,7 @@ void TEEClient::Close() {
 bool TEEClient::OpenContext() {
   if (contextOpen_) return true;
   const TEEC_Result result = TEEC_InitializeContext(nullptr, &context_);
+  last_ = {result, TEEC_ORIGIN_API};
   if (result != TEEC_SUCCESS) {
     TESSERA_LOG(DLOG_ERROR, "Failed to initialize TEE context, result = " << result);
     return false;
@@ -55,6 +62,7 @@ bool TEEClient::OpenSession() {
   uint32_t origin = 0;
   const TEEC_Result result = TEEC_OpenSession(&context_, &session_, &kKeystoreTaUuid,
                                               TEEC_LOGIN_PUBLIC, nullptr, nullptr, &origin);
+  last_ = {result, origin};
   if (result != TEEC_SUCCESS) {
     TESSERA_LOG(DLOG_ERROR, "Failed to open TEE session, result = " << result
                                 << ", retOrigin = " << origin);
@@ -69,6 +77,7 @@ bool TEEClient::AllocateMemory() {
   sharedMemory_.size = kSharedMemorySize;
   sharedMemory_.flags = kSharedMemoryFlags;
   const TEEC_Result result = TEEC_AllocateSharedMemory(&context_, &sharedMemory_);
+  last_ = {result, TEEC_ORIGIN_API};
   if (result != TEEC_SUCCESS) {
     TESSERA_LOG(DLOG_ERROR, "Failed to allocate shared memory, result = " << result);
     return false;
@@ -105,7 +114,17 @@ bool TEEClient::InvokeCommand(unsigned int cmd) {
   operation.params[0].memref.offset = 0;
   uint32_t origin = 0;
 
+  {
+    std::lock_guard<std::mutex> lock(inFlightMutex_);
+    inFlight_ = &operation;
+  }
   const TEEC_Result result = TEEC_InvokeCommand(&session_, cmd, &operation, &origin);
+  {
+    std::lock_guard<std::mutex> lock(inFlightMutex_);
+    inFlight_ = nullptr;
+  }
+  ++invokes_;
+  last_ = {result, origin};
   if (result == TEEC_SUCCESS) return true;
 
   TESSERA_LOG(DLOG_ERROR, "TEEC_InvokeCommand() failed for cmd " << cmd << ", result = " << result
@@ -114,6 +133,17 @@ bool TEEClient::InvokeCommand(unsigned int cmd) {
     TESSERA_LOG(DLOG_ERROR, "TZ reported recoverable error, session should be restarted");
   }
   return false;
+}
+
+TEEClient::Outcome TEEClient::lastOutcome() const { return last_; }
+
+unsigned long TEEClient::invokeCount() const { return invokes_; }
+
+void TEEClient::RequestCancellation() {
+  // Under the lock the operation cannot go out of scope: InvokeCommand
+  // clears the pointer under the same lock before it returns.
+  std::lock_guard<std::mutex> lock(inFlightMutex_);
+  if (inFlight_ != nullptr) TEEC_RequestCancellation(inFlight_);
 }
 
 }  // namespace client

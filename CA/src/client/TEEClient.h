@@ -17,8 +17,12 @@
  *
  * Every failure is written to the platform log (tag "TESSERA", see
  * TesseraLog.h) with the TEE result and, where there is one, its origin.
+ * The outcome of the last TEE Client API call and the number of commands
+ * run are also kept, for a caller that reports failures by name
+ * (lastOutcome(), invokeCount()).
  *
- * Threads: getInstance() is safe to race; nothing else locks. Use the
+ * Threads: getInstance() is safe to race, and RequestCancellation() may be
+ * called from any thread while a command runs; nothing else locks. Use the
  * connection from one thread at a time.
  */
 #ifndef TESSERA_CLIENT_TEECLIENT_H
@@ -26,6 +30,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 
 #include "tee_client_api.h"
 
@@ -58,9 +63,17 @@ class TEEClient {
   /* Makes the connection usable: OpenContext(), OpenSession(),
    * AllocateMemory(), stopping at the first that fails.
    * Returns true when all three resources are held; then it also logs
-   * "TEE connection has been set" (information), on every call. On false
-   * the failing step has logged why; resources already held are kept. */
+   * "TEE connection has been set" (information), on every call, unless
+   * setOpenNotice(false) turned that line off. On false the failing step
+   * has logged why; resources already held are kept. */
   [[nodiscard]] bool Open();
+
+  /* Turns the information line of a successful Open() on (the default) or
+   * off. The keystore functions open the connection on every call, so a
+   * tool that makes thousands of calls turns it off to keep the platform
+   * log readable (and each call free of a log write); failures are logged
+   * either way. */
+  void setOpenNotice(bool on);
 
   /* Releases the shared memory, closes the session and finalises the
    * context, each only if held. Safe to call any number of times. */
@@ -95,6 +108,33 @@ class TEEClient {
    * session should be restarted. The session stays as it is. */
   [[nodiscard]] bool InvokeCommand(unsigned int cmd);
 
+  /* What the TEE Client API reported for one call. */
+  struct Outcome {
+    TEEC_Result result;
+    uint32_t origin;
+  };
+
+  /* Returns the result and origin of the most recent TEE Client API call
+   * this object made: TEEC_InitializeContext, TEEC_OpenSession,
+   * TEEC_AllocateSharedMemory or TEEC_InvokeCommand, successful or not.
+   * The first and the third report no origin of their own; for them the
+   * origin is TEEC_ORIGIN_API (the client library answered). Before the
+   * first call: {TEEC_SUCCESS, 0}. Steps that find their resource already
+   * held make no call and leave it as it was. */
+  [[nodiscard]] Outcome lastOutcome() const;
+
+  /* Returns how many times this object has called TEEC_InvokeCommand,
+   * whatever the result. */
+  [[nodiscard]] unsigned long invokeCount() const;
+
+  /* Asks the TEE to cancel the command that InvokeCommand is running now
+   * (TEEC_RequestCancellation on its operation); does nothing when no
+   * command runs. Meant for a watchdog on another thread. Whether and when
+   * the command ends early is up to the TEE and the TA; InvokeCommand then
+   * returns false with what the TEE answered (typically TEEC_ERROR_CANCEL),
+   * which lastOutcome() tells. */
+  void RequestCancellation();
+
  private:
   TEEC_Context context_;
   TEEC_Session session_;
@@ -102,6 +142,13 @@ class TEEClient {
   bool contextOpen_;
   bool sessionOpen_;
   bool memoryAllocated_;
+  bool openNotice_;
+  Outcome last_;
+  unsigned long invokes_;
+  // The operation of the command in flight, for RequestCancellation(); the
+  // mutex guards only this pointer.
+  std::mutex inFlightMutex_;
+  TEEC_Operation* inFlight_;
 };
 
 }  // namespace client

@@ -76,6 +76,23 @@ TEST_F(TEEClientTest, SecondOpenMakesNoLibraryCallAndLogsAgain) {
   ExpectLine(captured_log::Lines()[1], DLOG_INFO, "Open", "TEE connection has been set");
 }
 
+TEST_F(TEEClientTest, OpenNoticeCanBeTurnedOffAndOnWhileFailuresAreAlwaysLogged) {
+  client::TEEClient tee;
+  tee.setOpenNotice(false);
+  fake_teec::FailNext(Fn::kOpenSession, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE);
+  EXPECT_FALSE(tee.Open());
+  ASSERT_EQ(captured_log::Lines().size(), 1u);
+  ExpectLine(captured_log::Lines()[0], DLOG_ERROR, "OpenSession",
+             "Failed to open TEE session, result = 4294901773, retOrigin = 3");
+  ASSERT_TRUE(tee.Open());
+  ASSERT_TRUE(tee.Open());
+  EXPECT_EQ(captured_log::Lines().size(), 1u) << "no notice while it is off";
+  tee.setOpenNotice(true);
+  ASSERT_TRUE(tee.Open());
+  ASSERT_EQ(captured_log::Lines().size(), 2u);
+  ExpectLine(captured_log::Lines()[1], DLOG_INFO, "Open", "TEE connection has been set");
+}
+
 TEST_F(TEEClientTest, ContextFailureIsLoggedAndTheNextOpenRetriesIt) {
   client::TEEClient tee;
   fake_teec::FailNext(Fn::kInitializeContext, TEEC_ERROR_COMMUNICATION);
@@ -237,6 +254,79 @@ TEST_F(TEEClientTest, OtherCommandFailuresLogOneLine) {
     ASSERT_EQ(captured_log::Lines().size(), 1u) << c.message;
     ExpectLine(captured_log::Lines()[0], DLOG_ERROR, "InvokeCommand", c.message);
   }
+}
+
+TEST_F(TEEClientTest, LastOutcomeFollowsEachLibraryCall) {
+  client::TEEClient tee;
+  EXPECT_EQ(tee.lastOutcome().result, TEEC_SUCCESS);
+  EXPECT_EQ(tee.lastOutcome().origin, 0u);
+
+  fake_teec::FailNext(Fn::kInitializeContext, TEEC_ERROR_COMMUNICATION);
+  EXPECT_FALSE(tee.Open());
+  EXPECT_EQ(tee.lastOutcome().result, TEEC_ERROR_COMMUNICATION);
+  EXPECT_EQ(tee.lastOutcome().origin, static_cast<uint32_t>(TEEC_ORIGIN_API));
+
+  fake_teec::FailNext(Fn::kOpenSession, TEEC_ERROR_ACCESS_DENIED, TEEC_ORIGIN_TRUSTED_APP);
+  EXPECT_FALSE(tee.Open());
+  EXPECT_EQ(tee.lastOutcome().result, TEEC_ERROR_ACCESS_DENIED);
+  EXPECT_EQ(tee.lastOutcome().origin, static_cast<uint32_t>(TEEC_ORIGIN_TRUSTED_APP));
+
+  fake_teec::FailNext(Fn::kAllocateSharedMemory, TEEC_ERROR_OUT_OF_MEMORY);
+  EXPECT_FALSE(tee.Open());
+  EXPECT_EQ(tee.lastOutcome().result, TEEC_ERROR_OUT_OF_MEMORY);
+  EXPECT_EQ(tee.lastOutcome().origin, static_cast<uint32_t>(TEEC_ORIGIN_API));
+
+  ASSERT_TRUE(tee.Open());
+  EXPECT_EQ(tee.lastOutcome().result, TEEC_SUCCESS);
+
+  fake_teec::FailNext(Fn::kInvokeCommand, TEEC_ERROR_ITEM_NOT_FOUND, TEEC_ORIGIN_TRUSTED_APP);
+  EXPECT_FALSE(tee.InvokeCommand(6));
+  EXPECT_EQ(tee.lastOutcome().result, TEEC_ERROR_ITEM_NOT_FOUND);
+  EXPECT_EQ(tee.lastOutcome().origin, static_cast<uint32_t>(TEEC_ORIGIN_TRUSTED_APP));
+
+  // An Open that finds everything held calls nothing and changes nothing.
+  ASSERT_TRUE(tee.Open());
+  EXPECT_EQ(tee.lastOutcome().result, TEEC_ERROR_ITEM_NOT_FOUND);
+
+  EXPECT_TRUE(tee.InvokeCommand(6));
+  EXPECT_EQ(tee.lastOutcome().result, TEEC_SUCCESS);
+  EXPECT_EQ(tee.lastOutcome().origin, static_cast<uint32_t>(TEEC_ORIGIN_TRUSTED_APP));
+}
+
+TEST_F(TEEClientTest, InvokeCountCountsEveryCommandAndNothingElse) {
+  client::TEEClient tee;
+  EXPECT_EQ(tee.invokeCount(), 0u);
+  ASSERT_TRUE(tee.Open());
+  EXPECT_EQ(tee.invokeCount(), 0u);
+  EXPECT_TRUE(tee.InvokeCommand(6));
+  fake_teec::FailNext(Fn::kInvokeCommand, TEEC_ERROR_GENERIC, TEEC_ORIGIN_TRUSTED_APP);
+  EXPECT_FALSE(tee.InvokeCommand(6));
+  EXPECT_EQ(tee.invokeCount(), 2u);
+  EXPECT_EQ(tee.invokeCount(), fake_teec::CountOf(Fn::kInvokeCommand));
+}
+
+TEST_F(TEEClientTest, RequestCancellationReachesOnlyTheCommandInFlight) {
+  client::TEEClient tee;
+  ASSERT_TRUE(tee.Open());
+  tee.RequestCancellation();  // nothing runs: no library call
+  EXPECT_EQ(fake_teec::CountOf(Fn::kRequestCancellation), 0u);
+
+  // The handler plays a TA that is still working when the watchdog fires.
+  fake_teec::SetHandler([&tee](uint32_t, TEEC_SharedMemory&, uint32_t* origin) {
+    tee.RequestCancellation();
+    *origin = TEEC_ORIGIN_TEE;
+    return static_cast<TEEC_Result>(TEEC_ERROR_CANCEL);
+  });
+  EXPECT_FALSE(tee.InvokeCommand(5));
+  ASSERT_EQ(fake_teec::CountOf(Fn::kRequestCancellation), 1u);
+  EXPECT_TRUE(fake_teec::Calls().back().in_flight);
+  EXPECT_EQ(tee.lastOutcome().result, static_cast<TEEC_Result>(TEEC_ERROR_CANCEL));
+  EXPECT_EQ(tee.lastOutcome().origin, static_cast<uint32_t>(TEEC_ORIGIN_TEE));
+
+  // Once the command has returned there is nothing left to cancel.
+  fake_teec::SetHandler(nullptr);
+  tee.RequestCancellation();
+  EXPECT_EQ(fake_teec::CountOf(Fn::kRequestCancellation), 1u);
 }
 
 TEST_F(TEEClientTest, GetInstanceIsOneObject) {

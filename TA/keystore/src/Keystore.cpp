@@ -9,6 +9,7 @@
 
 #include "Bip39.h"
 #include "CTzfrWsm.h"
+#include "Faults.h"
 #include "keystore_ta.h"
 
 namespace keystore {
@@ -359,7 +360,7 @@ TEE_Result Keystore::CheckPin(CTzfrWsm& request, Answer* answer) {
   if (!wallet->record.pin_set) return TEE_ERROR_ITEM_NOT_FOUND;
 
   answer->kind = Answer::Kind::kVerdict;
-  if (wallet->record.pin_failures >= kMaxPinFailures) {
+  if (!fault::kPinNeverLocks && wallet->record.pin_failures >= kMaxPinFailures) {
     answer->verdict = KEYSTORE_PIN_LOCKED;
     return TEE_SUCCESS;
   }
@@ -391,10 +392,13 @@ TEE_Result Keystore::GetMnemonic(CTzfrWsm& request, Answer* answer) {
   Wallet* wallet = nullptr;
   TEE_Result r = OpenWallet(token, selector, &wallet);
   if (r != TEE_SUCCESS) return r;
-  const std::size_t n = bip39::EntropyToPhrase(wallet->record.entropy.data(), wallet->record.entropy_len,
-                                               reinterpret_cast<char*>(answer->data.data()),
-                                               answer->data.size());
+  std::size_t n = bip39::EntropyToPhrase(wallet->record.entropy.data(), wallet->record.entropy_len,
+                                         reinterpret_cast<char*>(answer->data.data()),
+                                         answer->data.size());
   if (n == 0) return TEE_ERROR_GENERIC;
+  if constexpr (fault::kMnemonicOffByOne) {
+    fault::SwapLastWord(reinterpret_cast<char*>(answer->data.data()), &n, answer->data.size());
+  }
   answer->kind = Answer::Kind::kData;
   answer->len = n;
   return TEE_SUCCESS;
@@ -404,6 +408,9 @@ TEE_Result Keystore::CheckMnemonic(CTzfrWsm& request, Answer* answer) {
   const unsigned char* text = nullptr;
   uint32_t len = 0;
   if (!ReadSized(request, &text, &len) || !request.AtEnd()) return TEE_ERROR_BAD_PARAMETERS;
+  if constexpr (fault::kHangOn13Words) {
+    if (std::count(text, text + len, ' ') == 12) fault::Hang();
+  }
   answer->kind = Answer::Kind::kVerdict;
   answer->verdict = bip39::IsValidPhrase(reinterpret_cast<const char*>(text), len) ? 1u : 0u;
   return TEE_SUCCESS;
@@ -431,6 +438,15 @@ TEE_Result Keystore::PathCommand(uint32_t command, CTzfrWsm& request, Answer* an
   CachedNode* node = nullptr;
   r = NodeAt(wallet, path, &node);
   if (r != TEE_SUCCESS) return r;
+  if constexpr (fault::kWrongSigner) {
+    if (command == KEYSTORE_CMD_SIGN) {
+      uint32_t neighbour[5];
+      std::memcpy(neighbour, path, sizeof neighbour);
+      neighbour[4] ^= 1u;
+      r = NodeAt(wallet, neighbour, &node);
+      if (r != TEE_SUCCESS) return r;
+    }
+  }
 
   answer->kind = Answer::Kind::kData;
   switch (command) {
@@ -440,10 +456,17 @@ TEE_Result Keystore::PathCommand(uint32_t command, CTzfrWsm& request, Answer* an
       return TEE_SUCCESS;
     case KEYSTORE_CMD_GET_ADDRESS:
       if (!EnsurePub(node) || !curve_->Address(node->pub, answer->data.data())) return TEE_ERROR_GENERIC;
+      if constexpr (fault::kWrongAddress) {
+        if (path[4] == fault::kWrongAddressAccount) answer->data[kAddressSize - 1] ^= 1u;
+      }
       answer->len = kAddressSize;
       return TEE_SUCCESS;
     default:
       if (!curve_->Sign(node->node.key.data(), digest, answer->data.data())) return TEE_ERROR_GENERIC;
+      if constexpr (fault::kHighS) {
+        fault::NegateS(answer->data.data() + KEYSTORE_SIGNATURE_R_SIZE);
+        answer->data[KEYSTORE_SIGNATURE_V_OFFSET] ^= 1u;
+      }
       answer->len = kSignatureSize;
       return TEE_SUCCESS;
   }
