@@ -12,7 +12,7 @@ The state a run leaves in the wallet is read back with the real console
 
 Usage:
   check_e2e_test.py --binary PATH --teesim PATH --ta-dir DIR --faulty-ta-dir DIR
-                    --console PATH [unittest args...]
+                    --console PATH [--emulator CMD] [unittest args...]
   check_e2e_test.py --list        print the test classes, one per line
 """
 
@@ -112,7 +112,7 @@ class CheckerTestCase(unittest.TestCase):
             folder = tempfile.mkdtemp(prefix="tessera-check-e2e-")
             args += ["--junit", os.path.join(folder, "junit.xml"),
                      "--json", os.path.join(folder, "report.json")]
-        done = subprocess.run([ARGS.binary] + args, stdin=stdin, stdout=subprocess.PIPE,
+        done = subprocess.run(console_harness.emulated([ARGS.binary] + args), stdin=stdin, stdout=subprocess.PIPE,
                               stderr=subprocess.PIPE, env=env or self.env(), timeout=TIMEOUT,
                               check=False)
         junit = report = None
@@ -333,7 +333,7 @@ class CommandLine(CheckerTestCase):
     def on_terminal(self, *args, **env):
         """The output of a run whose standard output is a terminal."""
         master, slave = pty.openpty()
-        process = subprocess.Popen([ARGS.binary] + list(args), stdin=subprocess.DEVNULL,
+        process = subprocess.Popen(console_harness.emulated([ARGS.binary] + list(args)), stdin=subprocess.DEVNULL,
                                    stdout=slave, stderr=subprocess.PIPE, env=self.env(**env))
         os.close(slave)
         out = b""
@@ -367,7 +367,7 @@ class NoTee(unittest.TestCase):
                 env.pop("DLOG_FILE", None)
                 if dlog:
                     env["DLOG_FILE"] = dlog
-                done = subprocess.run([ARGS.binary, "--allow-wipe"], stdin=subprocess.DEVNULL,
+                done = subprocess.run(console_harness.emulated([ARGS.binary, "--allow-wipe"]), stdin=subprocess.DEVNULL,
                                       capture_output=True, env=env, timeout=TIMEOUT, check=False)
                 stderr = done.stderr.decode()
                 self.assertEqual(done.returncode, 2, stderr)
@@ -484,6 +484,7 @@ def main():
     for name in ("--binary", "--teesim", "--ta-dir", "--faulty-ta-dir", "--console",
                  "--private-daemon"):
         parser.add_argument(name)
+    parser.add_argument("--emulator")  # what runs the build's programs (another CPU's)
     parser.add_argument("--list", action="store_true")
     ARGS, rest = parser.parse_known_args()
     if ARGS.list:
@@ -494,6 +495,7 @@ def main():
         if not getattr(ARGS, name):
             parser.error("--%s is required" % name.replace("_", "-"))
     os.environ["TEESIM_PRIVATE_DAEMON"] = ARGS.private_daemon
+    console_harness.set_emulator(ARGS.emulator)
     program = unittest.main(argv=[sys.argv[0]] + rest, exit=False, verbosity=2)
     return 0 if program.result.wasSuccessful() else 1
 

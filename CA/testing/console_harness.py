@@ -80,6 +80,12 @@ def set_emulator(command):
     _emulator = (command or "").split()
 
 
+def emulated(argv):
+    """`argv` of a program of the build under test, run through the
+    emulator when there is one."""
+    return _emulator + list(argv)
+
+
 def emulator_environment():
     """The variable (TEESIM_EMULATOR) that makes libteec start the daemon,
     and the daemon its TA hosts, through the emulator; empty without one."""
