@@ -29,6 +29,7 @@ import glob
 import json
 import os
 import re
+import subprocess
 import sys
 import unittest
 
@@ -106,6 +107,12 @@ class Model:
 def load_model(build_dir):
     reply = os.path.join(build_dir, ".cmake", "api", "v1", "reply")
     indexes = sorted(glob.glob(os.path.join(reply, "index-*.json")))
+    if not indexes:
+        # CMake reads file-API queries before it configures, so the first
+        # configure of a fresh tree, which writes the query, answers none:
+        # configuring once more does.
+        subprocess.run(["cmake", build_dir], stdout=subprocess.DEVNULL, check=False)
+        indexes = sorted(glob.glob(os.path.join(reply, "index-*.json")))
     if not indexes:
         raise SystemExit("check_layers: no CMake file-API reply in %s (configure first)" % build_dir)
     with open(indexes[-1]) as f:
