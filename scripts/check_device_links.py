@@ -81,8 +81,8 @@ def main(argv):
     needed = dynamic_entries(readelf, program, "NEEDED")
     resolved = loader_resolution(emulator, program)
     failures = []
-    for spec in libraries:
-        library, _, package = spec.partition("=")
+    for entry in libraries:
+        library, _, package = entry.partition("=")
         sonames = dynamic_entries(readelf, library, "SONAME")
         if len(sonames) != 1:
             failures.append("%s has no SONAME" % library)
