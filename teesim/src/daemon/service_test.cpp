@@ -21,6 +21,8 @@
 #include <string>
 #include <vector>
 
+#include "teesim/paths.h"
+
 #ifndef TEESIM_EXECUTABLE
 #error "TEESIM_EXECUTABLE must name the teesim executable under test"
 #endif
@@ -77,10 +79,10 @@ class DaemonAsService : public ::testing::Test {
   // Starts `teesim --foreground` on private folders with NOTIFY_SOCKET set,
   // standard error into a file of the test's folder.
   void start(std::vector<std::string> extra) {
-    std::vector<std::string> args = {TEESIM_EXECUTABLE, "--foreground",
-                                     "--socket", socket_path(),
-                                     "--ta-dir", dir_ + "/ta",
-                                     "--storage-dir", dir_ + "/storage"};
+    /* (after the emulator's words when this build is for another CPU) */
+    std::vector<std::string> args = teesim::paths::emulator();
+    args.insert(args.end(), {TEESIM_EXECUTABLE, "--foreground", "--socket", socket_path(),
+                             "--ta-dir", dir_ + "/ta", "--storage-dir", dir_ + "/storage"});
     args.insert(args.end(), extra.begin(), extra.end());
     std::vector<char*> argv;
     for (std::string& a : args) argv.push_back(a.data());
@@ -95,7 +97,7 @@ class DaemonAsService : public ::testing::Test {
     posix_spawn_file_actions_init(&actions);
     std::string err = dir_ + "/stderr";
     posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    ASSERT_EQ(::posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data()), 0);
+    ASSERT_EQ(::posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data()), 0);
     posix_spawn_file_actions_destroy(&actions);
   }
 

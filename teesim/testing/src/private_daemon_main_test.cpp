@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "teesim/paths.h"
 #include "teesim/testing/temp_folder.h"
 
 #ifndef TEESIM_PRIVATE_DAEMON_CLI
@@ -40,7 +41,9 @@ class Cli {
     int in[2], out[2], err[2];
     if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0)
       return;
-    std::vector<std::string> full = {TEESIM_PRIVATE_DAEMON_CLI};
+    /* (after the emulator's words when this build is for another CPU) */
+    std::vector<std::string> full = teesim::paths::emulator();
+    full.push_back(TEESIM_PRIVATE_DAEMON_CLI);
     full.insert(full.end(), args.begin(), args.end());
     std::vector<char*> argv;
     for (std::string& a : full) argv.push_back(a.data());
@@ -50,7 +53,7 @@ class Cli {
       ::dup2(in[0], 0);
       ::dup2(out[1], 1);
       ::dup2(err[1], 2);
-      ::execv(argv[0], argv.data());
+      ::execvp(argv[0], argv.data());
       ::_exit(127);
     }
     ::close(in[0]);

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -200,7 +201,8 @@ TEST_F(PrivateDaemonTest, RunCommandRunsTheDaemonExecutableWithItsOwnArguments) 
  * cleaning up takes its daemon with it. This process becomes a subreaper so
  * that it can watch the orphaned daemon end. */
 TEST_F(PrivateDaemonTest, TheDaemonEndsWhenItsTestProcessDies) {
-  ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+  if (::prctl(PR_SET_CHILD_SUBREAPER, 1) != 0 && errno == EINVAL)
+    GTEST_SKIP() << "no subreaper here (qemu-user does not emulate PR_SET_CHILD_SUBREAPER)";
   int pipefd[2];
   ASSERT_EQ(::pipe(pipefd), 0);
   const pid_t test = ::fork();
