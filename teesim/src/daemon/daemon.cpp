@@ -186,6 +186,11 @@ class Daemon {
   void on_instance_frame(Instance& in, const wire::Frame& f, FdList& fds);
   void open_session(Client& c, const wire::Frame& f, FdList& fds);
   void route(PendingOpen p);
+  /* Each open handed to an instance is answered exactly once: by the
+   * instance, or with TEE_ERROR_TARGET_DEAD when it dies first (at once when
+   * it is dead already). enqueue: to wait until the instance is ready;
+   * dispatch: sent now. */
+  void enqueue(Instance& in, PendingOpen p);
   void dispatch(Instance& in, PendingOpen p);
   Instance* spawn(const Uuid& ta);
   void on_init_reply(Instance& in, const wire::HostInitReply& r);
@@ -505,7 +510,7 @@ void Daemon::route(PendingOpen p) {
         continue;
       }
       if (in->state == Instance::State::Starting) {
-        in->queued.push_back(std::move(p));
+        enqueue(*in, std::move(p));
         return;
       }
       if (in->state == Instance::State::Ready && (in->flags & TEESIM_TA_FLAG_SINGLE_INSTANCE)) {
@@ -519,7 +524,7 @@ void Daemon::route(PendingOpen p) {
     answer_open(p.client_id, p.tag, TEE_ERROR_GENERIC, wire::Origin::Tee, 0, nullptr, UniqueFd());
     return;
   }
-  in->queued.push_back(std::move(p));
+  enqueue(*in, std::move(p)); /* it may have died already, as it started */
 }
 
 Instance* Daemon::spawn(const Uuid& ta) {
@@ -611,28 +616,39 @@ Instance* Daemon::spawn(const Uuid& ta) {
   return raw;
 }
 
+void Daemon::enqueue(Instance& in, PendingOpen p) {
+  if (in.dead) {
+    answer_open(p.client_id, p.tag, TEE_ERROR_TARGET_DEAD, wire::Origin::Tee, 0, nullptr, UniqueFd());
+    return;
+  }
+  in.queued.push_back(std::move(p));
+}
+
 void Daemon::dispatch(Instance& in, PendingOpen p) {
+  if (in.dead) {
+    answer_open(p.client_id, p.tag, TEE_ERROR_TARGET_DEAD, wire::Origin::Tee, 0, nullptr, UniqueFd());
+    return;
+  }
   UniqueFd client_end, host_end;
   if (make_stream_channel(&client_end, &host_end) != 0) {
     TS_LOG_ERROR("cannot make a session channel: %s", std::strerror(errno));
     answer_open(p.client_id, p.tag, TEE_ERROR_OUT_OF_MEMORY, wire::Origin::Tee, 0, nullptr, UniqueFd());
     return;
   }
-  std::vector<UniqueFd> fds;
-  fds.push_back(std::move(host_end));
-  for (UniqueFd& f : p.shm_fds) fds.push_back(std::move(f));
-  p.shm_fds.clear();
   OutFrame frame;
   frame.bytes = std::move(p.host_open);
   frame.secret = true; /* memref bytes of the client's open */
-  frame.fds = std::move(fds);
-  in.out.push_back(std::move(frame));
-  flush(in);
+  frame.fds.push_back(std::move(host_end));
+  for (UniqueFd& f : p.shm_fds) frame.fds.push_back(std::move(f));
+  p.shm_fds.clear();
+  /* Recorded before it is sent: a send that finds the instance dead drops
+   * it, and dropping an instance answers every open recorded against it. */
   ++in.dispatched;
   p.client_end = std::move(client_end);
   p.instance_id = in.id;
-  uint32_t sid = p.session_id;
-  dispatched_[sid] = std::move(p);
+  dispatched_[p.session_id] = std::move(p);
+  in.out.push_back(std::move(frame));
+  flush(in);
 }
 
 void Daemon::on_instance_frame(Instance& in, const wire::Frame& f, FdList& fds) {

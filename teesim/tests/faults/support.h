@@ -1,0 +1,57 @@
+/*
+ * Support of the fault tests: private daemons with their own TA folder,
+ * bounded waits that turn a hang into a failure, and what the daemon tells
+ * its debug log about its descriptors.
+ */
+#ifndef TEESIM_FAULTS_SUPPORT_H
+#define TEESIM_FAULTS_SUPPORT_H
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+
+#include "tee_client_api.h"
+#include "teesim/testing/private_daemon.h"
+#include "teesim_test_ta.h"
+
+namespace faults {
+
+using teesim::testing::PrivateDaemon;
+
+inline const TEEC_UUID kTestTa = TEST_TA_UUID;
+inline const TEEC_UUID kFaultTa = TEST_FAULT_TA_UUID;
+
+/* Options of a private daemon that serves a copy of the TA folder. */
+PrivateDaemon::Options own_tas();
+
+/* Polls `cond` every 10 ms until it holds, for at most `ms`; returns its
+ * last value. The default bound is one only a broken system reaches. */
+bool eventually(const std::function<bool()>& cond, int ms = 60000);
+
+/* Runs body(0) ... body(workers - 1), each on a thread of its own, and waits
+ * for all of them at most `ms` milliseconds: a bound that only a hang
+ * reaches, there to fail a test instead of hanging it. When some have not
+ * returned by then, calls release() (which must end whatever blocks them,
+ * e.g. kill the daemon) and waits for them again; a worker that still does
+ * not return aborts the test program. Returns how many had not returned
+ * when the bound was reached (0: none hung). */
+int run_bounded(int workers, const std::function<void(int)>& body, const std::function<void()>& release,
+                int ms = 120000);
+
+/* Writes the installation properties of TA `uuid_text` in d's TA folder
+ * (which must be a copy: own_tas()). Returns false when it cannot. */
+bool write_props(const PrivateDaemon& d, const char* uuid_text, const std::string& text);
+
+/* The descriptors the daemon holds, as it reports them at debug level each
+ * time its last client goes: connects and disconnects one client, then
+ * reads the newest report. Returns -1 when there is none (the daemon must
+ * run with --log-level debug). */
+int daemon_descriptors(const PrivateDaemon& d);
+
+/* The whole text of a file ("" when missing). */
+std::string read_text(const std::string& path);
+
+}  // namespace faults
+
+#endif  // TEESIM_FAULTS_SUPPORT_H
