@@ -390,6 +390,15 @@ Status decode(const Frame& f, size_t nfds, HelloReply* m) {
   return end(r, nfds, 0);
 }
 
+Status decode(const Frame& f, size_t nfds, Refused* m) {
+  if (!type_is<Refused>(f)) return Status::WrongType;
+  Reader r(f.body, f.body_len);
+  m->result = r.u32();
+  if (!r.ok()) return Status::Truncated;
+  if (!read_string(r, &m->reason)) return Status::Truncated;
+  return end(r, nfds, 0);
+}
+
 Status decode(const Frame& f, size_t nfds, OpenSession* m) {
   if (!type_is<OpenSession>(f)) return Status::WrongType;
   Reader r(f.body, f.body_len);
@@ -536,6 +545,18 @@ Status encode(std::vector<uint8_t>& out, uint32_t tag, const HelloReply& m) {
   begin(w, HelloReply::kType, tag);
   w.u32(m.daemon_pid);
   w.u32(m.max_shm_size);
+  return finish(w, out, Status::Ok);
+}
+
+Status encode(std::vector<uint8_t>& out, uint32_t tag, const Refused& m) {
+  if (m.reason.size() > kMaxString) {
+    out.clear();
+    return Status::TooLarge;
+  }
+  Writer w(out);
+  begin(w, Refused::kType, tag);
+  w.u32(m.result);
+  write_string(w, m.reason);
   return finish(w, out, Status::Ok);
 }
 

@@ -96,6 +96,19 @@ TEST(Wire, HelloAndReplyRoundTrip) {
   EXPECT_EQ(r2.max_shm_size, kMaxShmSize);
 }
 
+TEST(Wire, RefusedRoundTripsAndBoundsItsReason) {
+  Refused m;
+  m.result = 0xFFFF000Du;
+  m.reason = "too many connections";
+  Refused back = round_trip(m, 0).msg;
+  EXPECT_EQ(back.result, m.result);
+  EXPECT_EQ(back.reason, m.reason);
+  m.reason.assign(kMaxString + 1, 'x');
+  std::vector<uint8_t> frame;
+  EXPECT_EQ(encode(frame, 1, m), Status::TooLarge);
+  EXPECT_TRUE(frame.empty());
+}
+
 TEST(Wire, OpenSessionRoundTripsEveryCarrier) {
   auto data = bytes(1000, 3);
   OpenSession m;

@@ -24,6 +24,10 @@
  *           "str" = u32 length (<= kMaxString) + that many bytes, no NUL)
  *     HELLO                client -> daemon  u32 client_pid
  *     HELLO_REPLY          daemon -> client  u32 daemon_pid, u32 max_shm_size
+ *     REFUSED              daemon -> client  u32 result, str reason
+ *                                            (instead of any answer, when the
+ *                                            daemon will not serve this connection;
+ *                                            it closes the connection after it)
  *     OPEN_SESSION         client -> daemon  uuid ta, u32 login, u32 has_group (0|1),
  *                                            u32 group, request params
  *     OPEN_SESSION_REPLY   daemon -> client  u32 result, u32 origin, u32 session_id,
@@ -113,6 +117,7 @@ enum class MsgType : uint16_t {
   CloseSession = 7,
   CloseSessionReply = 8,
   ShmForget = 9,
+  Refused = 10,
   HostInit = 16,
   HostInitReply = 17,
   HostOpen = 18,
@@ -190,6 +195,14 @@ struct HelloReply {
   static constexpr MsgType kType = MsgType::HelloReply;
   uint32_t daemon_pid = 0;
   uint32_t max_shm_size = 0;
+};
+/* Why the daemon turns a connection away: result is a TEE_ERROR_* code
+ * (TEE_ERROR_BUSY: too many connections, or out of descriptors), reason a
+ * sentence for the client's log. */
+struct Refused {
+  static constexpr MsgType kType = MsgType::Refused;
+  uint32_t result = 0;
+  std::string reason;
 };
 struct OpenSession {
   static constexpr MsgType kType = MsgType::OpenSession;
@@ -302,6 +315,7 @@ struct Frame {
  * Out: msg, filled only in part on failure. Views point into the frame. */
 [[nodiscard]] Status decode(const Frame& frame, size_t nfds, Hello* msg);
 [[nodiscard]] Status decode(const Frame& frame, size_t nfds, HelloReply* msg);
+[[nodiscard]] Status decode(const Frame& frame, size_t nfds, Refused* msg);
 [[nodiscard]] Status decode(const Frame& frame, size_t nfds, OpenSession* msg);
 [[nodiscard]] Status decode(const Frame& frame, size_t nfds, OpenSessionReply* msg);
 [[nodiscard]] Status decode(const Frame& frame, size_t nfds, Invoke* msg);
@@ -323,6 +337,7 @@ struct Frame {
  * In: tag, the header tag; msg. */
 [[nodiscard]] Status encode(std::vector<uint8_t>& out, uint32_t tag, const Hello& msg);
 [[nodiscard]] Status encode(std::vector<uint8_t>& out, uint32_t tag, const HelloReply& msg);
+[[nodiscard]] Status encode(std::vector<uint8_t>& out, uint32_t tag, const Refused& msg);
 [[nodiscard]] Status encode(std::vector<uint8_t>& out, uint32_t tag, const OpenSession& msg);
 [[nodiscard]] Status encode(std::vector<uint8_t>& out, uint32_t tag, const OpenSessionReply& msg);
 [[nodiscard]] Status encode(std::vector<uint8_t>& out, uint32_t tag, const Invoke& msg);
