@@ -23,6 +23,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "daemon/child_watch.h"
 #include "daemon/identity.h"
 #include "daemon/keys.h"
 #include "runtime/runtime.h"
@@ -96,6 +97,7 @@ struct Instance : Conn {
   Uuid ta;
   std::string ta_text;
   pid_t pid = 0;
+  ChildWatch watch; /* is the process still running? */
   uint32_t instance_no = 0;
   uint32_t flags = 0;
   std::string name;
@@ -122,28 +124,6 @@ std::string describe_status(int status) {
     return "killed by signal " + std::to_string(sig) + " (SIG" + (name != nullptr ? name : "?") + ")";
   }
   return "ended";
-}
-
-/* True when `pid` is exiting or gone: its leader carries PF_EXITING from
- * the start of its exit (see the flags field of proc(5)), or it is a zombie,
- * or it no longer exists. */
-bool process_exiting(pid_t pid) {
-  char path[64];
-  std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
-  UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC));
-  if (!fd) return true;
-  char buf[512];
-  ssize_t n = ::read(fd.get(), buf, sizeof buf - 1);
-  if (n <= 0) return true;
-  buf[n] = '\0';
-  const char* p = std::strrchr(buf, ')'); /* the command name may hold anything */
-  if (p == nullptr) return false;
-  char state = 0;
-  unsigned long flags = 0;
-  /* after ")": state ppid pgrp session tty_nr tpgid flags */
-  if (std::sscanf(p + 1, " %c %*d %*d %*d %*d %*d %lu", &state, &flags) != 2) return false;
-  constexpr unsigned long kPfExiting = 0x4;
-  return state == 'Z' || state == 'X' || (flags & kPfExiting) != 0;
 }
 
 /* The descriptors this process holds, or -1 when it cannot tell (reading
@@ -504,8 +484,9 @@ void Daemon::route(PendingOpen p) {
        * broke) before this loop has read the end of the control channel -
        * or before the dying process has even released it. Only a process
        * whose threads are all exiting can have closed a session channel,
-       * so that state, or the channel's end, settles it. */
-      if (peer_gone(in->fd.get()) || process_exiting(in->pid)) {
+       * so that state, or the channel's end, settles it. The watch needs no
+       * new descriptor: a shortage never passes for a death. */
+      if (peer_gone(in->fd.get()) || in->watch.state() != ChildWatch::State::Running) {
         drop(*in, nullptr);
         continue;
       }
@@ -573,6 +554,7 @@ Instance* Daemon::spawn(const Uuid& ta) {
   in->ta = ta;
   in->ta_text = ta_text;
   in->pid = pid;
+  in->watch = ChildWatch(pid);
   in->instance_no = instance_no;
   children_[pid].label = "TA " + ta_text + " instance " + std::to_string(instance_no) + " (pid " +
                          std::to_string(pid) + ")";

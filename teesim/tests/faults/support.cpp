@@ -1,7 +1,15 @@
 /* Support of the fault tests; see support.h. */
 #include "support.h"
 
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -93,6 +101,61 @@ int daemon_descriptors(const PrivateDaemon& d) {
     return got.second >= 0 && got.first != before;
   });
   return got.first != before ? got.second : -1;
+}
+
+DescriptorLimit::DescriptorLimit(pid_t pid, unsigned long soft) : pid_(pid) {
+  rlimit old{};
+  if (::prlimit(pid, RLIMIT_NOFILE, nullptr, &old) != 0) return;
+  old_soft_ = old.rlim_cur;
+  rlimit lowered = old;
+  lowered.rlim_cur = soft;
+  ok_ = ::prlimit(pid, RLIMIT_NOFILE, &lowered, nullptr) == 0;
+}
+
+void DescriptorLimit::restore() {
+  if (!ok_) return;
+  rlimit now{};
+  if (::prlimit(pid_, RLIMIT_NOFILE, nullptr, &now) == 0) {
+    now.rlim_cur = old_soft_;
+    (void)::prlimit(pid_, RLIMIT_NOFILE, &now, nullptr);
+  }
+  ok_ = false;
+}
+
+SilentConnections::SilentConnections(const std::string& socket, int count) {
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  if (socket.size() >= sizeof addr.sun_path) return;
+  std::memcpy(addr.sun_path, socket.c_str(), socket.size() + 1);
+  for (int i = 0; i < count; ++i) {
+    int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) return;
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+      ::close(fd);
+      return; /* EAGAIN: the backlog is full */
+    }
+    fds_.push_back(fd);
+  }
+}
+
+void SilentConnections::release() {
+  for (int fd : fds_) ::close(fd);
+  fds_.clear();
+}
+
+long long cpu_ticks(pid_t pid) {
+  std::string text = read_text("/proc/" + std::to_string(pid) + "/stat");
+  size_t p = text.rfind(')');
+  if (p == std::string::npos) return -1;
+  /* after ")": fields 3 (state) ... 14 utime, 15 stime */
+  std::istringstream in(text.substr(p + 1));
+  std::string field;
+  long long utime = -1, stime = -1;
+  for (int i = 3; i <= 15 && (in >> field); ++i) {
+    if (i == 14) utime = std::atoll(field.c_str());
+    if (i == 15) stime = std::atoll(field.c_str());
+  }
+  return utime < 0 || stime < 0 ? -1 : utime + stime;
 }
 
 }  // namespace faults

@@ -10,6 +10,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "tee_client_api.h"
 #include "teesim/testing/private_daemon.h"
@@ -48,6 +49,45 @@ bool write_props(const PrivateDaemon& d, const char* uuid_text, const std::strin
  * reads the newest report. Returns -1 when there is none (the daemon must
  * run with --log-level debug). */
 int daemon_descriptors(const PrivateDaemon& d);
+
+/* Lowers the soft descriptor limit of process `pid` (a daemon this test
+ * started) for the object's life, the hard limit untouched, so a test runs
+ * the daemon out of descriptors cheaply. */
+class DescriptorLimit {
+ public:
+  DescriptorLimit(pid_t pid, unsigned long soft);
+  /* Puts the old soft limit back (also done by the destructor). */
+  void restore();
+  ~DescriptorLimit() { restore(); }
+  bool ok() const { return ok_; }
+  DescriptorLimit(const DescriptorLimit&) = delete;
+  DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+
+ private:
+  pid_t pid_;
+  unsigned long old_soft_ = 0;
+  bool ok_ = false;
+};
+
+/* Connections to a daemon that say nothing: up to `count`, made without
+ * blocking (it stops early when the daemon's backlog is full). Closed when
+ * the object dies or release() is called. */
+class SilentConnections {
+ public:
+  SilentConnections(const std::string& socket, int count);
+  ~SilentConnections() { release(); }
+  void release();
+  int count() const { return static_cast<int>(fds_.size()); }
+  SilentConnections(const SilentConnections&) = delete;
+  SilentConnections& operator=(const SilentConnections&) = delete;
+
+ private:
+  std::vector<int> fds_;
+};
+
+/* The CPU time a process has used so far, in clock ticks (user + system,
+ * from /proc/<pid>/stat); -1 when it cannot be read. */
+long long cpu_ticks(pid_t pid);
 
 /* The whole text of a file ("" when missing). */
 std::string read_text(const std::string& path);
