@@ -435,10 +435,11 @@ TEEC_EXPORT TEEC_Result TEEC_InitializeContext(const char* name, TEEC_Context* c
   auto* ctx = new Context;
   std::string why;
   TEEC_Result r = TEEC_SUCCESS;
-  if (name == nullptr && connect_service(&ctx->fd, &socket)) {
-    ctx->socket = socket;
+  TEEC_Result service = name == nullptr ? connect_service(&ctx->fd, &socket, &why) : TEEC_ERROR_ITEM_NOT_FOUND;
+  ctx->socket = socket;
+  if (service != TEEC_ERROR_ITEM_NOT_FOUND) {
+    r = service;
   } else {
-    ctx->socket = socket;
     r = connect_daemon(socket, /*may_start=*/true, &ctx->fd, &why);
   }
   if (r != TEEC_SUCCESS) {
