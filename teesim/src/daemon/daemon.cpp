@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -41,6 +42,13 @@ namespace {
 constexpr int kMaxPendingOpensPerClient = 16;
 constexpr size_t kMaxQueuedFramesPerClient = 64;
 constexpr int kShutdownGraceMs = 3000;
+/* Connections taken (or turned away) per wake-up, so a crowd at the door
+ * cannot starve the clients already served. */
+constexpr int kAcceptBudget = 64;
+/* Out of descriptors with no spare one: the listener rests this long at
+ * first, twice as long each time after, up to the maximum. */
+constexpr int kListenerRestMinMs = 10;
+constexpr int kListenerRestMaxMs = 1000;
 
 /* A frame waiting to be sent, with the descriptors it carries. */
 struct OutFrame {
@@ -159,6 +167,12 @@ class Daemon {
 
   bool setup();
   void on_listener();
+  void admit(UniqueFd fd);
+  void shed(int err);
+  void refuse(UniqueFd fd, uint32_t result, const std::string& reason);
+  void shortage_over();
+  void rest_listener();
+  void wake_listener();
   void on_signal();
   void on_conn(uint64_t id, uint32_t events);
   void read_frames(Conn& c);
@@ -204,6 +218,18 @@ class Daemon {
   std::map<uint32_t, PendingOpen> dispatched_;
   std::map<pid_t, ChildRecord> children_;
   int clients_ = 0; /* client connections now */
+  std::map<uid_t, unsigned> clients_by_uid_;
+  /* Kept open to be closed when descriptors run out: the room to accept a
+   * waiting client and tell it why it is turned away. */
+  UniqueFd spare_;
+  /* A descriptor shortage under way: since when, how many turned away. */
+  bool short_of_fds_ = false;
+  int64_t shortage_since_ = 0;
+  uint64_t turned_away_ = 0;
+  /* The listener's rest (out of descriptors and no spare): until when, and
+   * how long the next one lasts. 0: listening. */
+  int64_t listener_rests_until_ = 0;
+  int listener_rest_ms_ = kListenerRestMinMs;
   bool stopping_ = false;
 };
 
@@ -219,7 +245,21 @@ Instance* Daemon::instance(uint64_t id) {
   return static_cast<Instance*>(it->second.get());
 }
 
+/* Every client connection and TA instance costs a descriptor: take all the
+ * system allows this process. */
+void raise_descriptor_limit() {
+  rlimit rl{};
+  if (::getrlimit(RLIMIT_NOFILE, &rl) != 0 || rl.rlim_cur >= rl.rlim_max) return;
+  rlim_t was = rl.rlim_cur;
+  rl.rlim_cur = rl.rlim_max;
+  if (::setrlimit(RLIMIT_NOFILE, &rl) == 0)
+    TS_LOG_DEBUG("descriptor limit raised from %llu to %llu", static_cast<unsigned long long>(was),
+                 static_cast<unsigned long long>(rl.rlim_cur));
+}
+
 bool Daemon::setup() {
+  raise_descriptor_limit();
+  spare_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
   epoll_.reset(::epoll_create1(EPOLL_CLOEXEC));
   if (!epoll_) return false;
   sigset_t set;
@@ -260,6 +300,14 @@ int Daemon::run() {
       }
       timeout = static_cast<int>(std::max<int64_t>(0, std::min<int64_t>(left, 100)));
     }
+    if (listener_rests_until_ != 0) {
+      int64_t left = listener_rests_until_ - now_ms();
+      if (left <= 0) {
+        wake_listener();
+      } else if (timeout < 0 || left < timeout) {
+        timeout = static_cast<int>(left);
+      }
+    }
     int n = ::epoll_wait(epoll_.get(), events, 32, timeout);
     if (n < 0) {
       if (errno == EINTR) continue;
@@ -285,28 +333,124 @@ int Daemon::run() {
 }
 
 void Daemon::on_listener() {
-  for (;;) {
+  for (int budget = 0; budget < kAcceptBudget && listener_; ++budget) {
     int fd = ::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (fd < 0) {
-      if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) return;
-      TS_LOG_WARN("accept failed: %s", std::strerror(errno));
-      return;
-    }
-    auto c = std::make_unique<Client>();
-    c->id = next_conn_id_++;
-    c->fd.reset(fd);
-    if (!read_peer_credentials(fd, &c->creds)) {
-      TS_LOG_WARN("a client without credentials was turned away");
+    if (fd >= 0) {
+      if (short_of_fds_) shortage_over();
+      admit(UniqueFd(fd));
       continue;
     }
-    epoll_event ev{};
-    ev.events = EPOLLIN | EPOLLRDHUP;
-    ev.data.u64 = c->id;
-    if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &ev) != 0) continue;
-    TS_LOG_DEBUG("client pid %d (uid %u) connected", static_cast<int>(c->creds.pid), c->creds.uid);
-    conns_[c->id] = std::move(c);
-    ++clients_;
+    const int err = errno;
+    if (err == EINTR || err == ECONNABORTED) continue;
+    if (err == EAGAIN) return;
+    if (err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM) {
+      shed(err);
+    } else {
+      /* Whatever it is, retrying at once would only spin. */
+      TS_LOG_WARN_LIMITED("accept failed: %s; pausing new connections", std::strerror(err));
+      rest_listener();
+    }
+    return;
   }
+}
+
+void Daemon::admit(UniqueFd fd) {
+  auto c = std::make_unique<Client>();
+  if (!read_peer_credentials(fd.get(), &c->creds)) {
+    TS_LOG_WARN_LIMITED("a client without credentials was turned away");
+    return;
+  }
+  unsigned& of_user = clients_by_uid_[c->creds.uid];
+  if (of_user >= settings_.max_clients_per_user) {
+    TS_LOG_WARN_LIMITED("user %u already holds %u connections, the most allowed "
+                        "(--max-clients-per-user); turning client pid %d away",
+                        c->creds.uid, of_user, static_cast<int>(c->creds.pid));
+    refuse(std::move(fd), TEE_ERROR_BUSY,
+           "this user already holds " + std::to_string(of_user) +
+               " connections to the TEE daemon, the most it allows");
+    return;
+  }
+  c->id = next_conn_id_++;
+  epoll_event ev{};
+  ev.events = EPOLLIN | EPOLLRDHUP;
+  ev.data.u64 = c->id;
+  if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd.get(), &ev) != 0) {
+    refuse(std::move(fd), TEE_ERROR_BUSY, "the TEE daemon cannot take more connections now");
+    return;
+  }
+  c->fd = std::move(fd);
+  ++of_user;
+  TS_LOG_DEBUG("client pid %d (uid %u) connected", static_cast<int>(c->creds.pid), c->creds.uid);
+  conns_[c->id] = std::move(c);
+  ++clients_;
+}
+
+/* Tells a connection why it is not served, then closes it. The frame is
+ * small and the connection fresh, so the send does not block. */
+void Daemon::refuse(UniqueFd fd, uint32_t result, const std::string& reason) {
+  wire::Refused msg;
+  msg.result = result;
+  msg.reason = reason;
+  std::vector<uint8_t> frame;
+  if (wire::encode(frame, 0, msg) == wire::Status::Ok)
+    (void)send_frame(fd.get(), frame.data(), frame.size(), nullptr, 0, /*nonblocking=*/true);
+}
+
+/* Out of descriptors with clients waiting: each is accepted on the spare
+ * descriptor, told it is turned away, and closed, so none waits in the
+ * backlog and the listener stops waking the loop. Without a spare (another
+ * process took the system's last file), the listener rests instead. */
+void Daemon::shed(int err) {
+  if (!short_of_fds_) {
+    short_of_fds_ = true;
+    shortage_since_ = now_ms();
+    turned_away_ = 0;
+    TS_LOG_WARN("out of descriptors (%s) with %d clients connected: turning new clients away "
+                "until some leave",
+                std::strerror(err), clients_);
+  }
+  for (int budget = 0; budget < kAcceptBudget && spare_; ++budget) {
+    spare_.reset();
+    int fd = ::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    const int accept_err = errno;
+    if (fd >= 0) {
+      ++turned_away_;
+      refuse(UniqueFd(fd), TEE_ERROR_BUSY, "the TEE daemon is out of descriptors; try again later");
+    }
+    spare_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    if (fd < 0 && (accept_err == EAGAIN || accept_err == EINTR || accept_err == ECONNABORTED)) return;
+    if (fd < 0) break;
+  }
+  if (!spare_) rest_listener();
+}
+
+void Daemon::shortage_over() {
+  short_of_fds_ = false;
+  listener_rest_ms_ = kListenerRestMinMs;
+  TS_LOG_INFO("descriptors available again after %lld ms; %llu client connection(s) were turned away",
+              static_cast<long long>(now_ms() - shortage_since_),
+              static_cast<unsigned long long>(turned_away_));
+}
+
+void Daemon::rest_listener() {
+  if (listener_rests_until_ != 0 || !listener_) return;
+  ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, listener_.get(), nullptr);
+  listener_rests_until_ = now_ms() + listener_rest_ms_;
+  listener_rest_ms_ = std::min(listener_rest_ms_ * 2, kListenerRestMaxMs);
+}
+
+void Daemon::wake_listener() {
+  listener_rests_until_ = 0;
+  if (!spare_) spare_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  if (!listener_) return;
+  epoll_event ev{};
+  ev.events = EPOLLIN;
+  ev.data.u64 = kListenerKey;
+  if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, listener_.get(), &ev) != 0) {
+    rest_listener();
+    return;
+  }
+  on_listener(); /* whoever waits is taken (or turned away) now */
 }
 
 void Daemon::on_signal() {
@@ -345,6 +489,7 @@ void Daemon::shutdown() {
   stopping_ = true;
   ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, listener_.get(), nullptr);
   listener_.reset();
+  listener_rests_until_ = 0;
   for (auto& [id, c] : conns_) {
     if (c->dead) continue;
     if (c->kind == Conn::Kind::Client) {
@@ -511,7 +656,7 @@ void Daemon::route(PendingOpen p) {
 Instance* Daemon::spawn(const Uuid& ta) {
   UniqueFd mine, theirs;
   if (make_channel(&mine, &theirs) != 0) {
-    TS_LOG_ERROR("cannot make a control channel: %s", std::strerror(errno));
+    TS_LOG_ERROR_LIMITED("cannot make a control channel: %s", std::strerror(errno));
     return nullptr;
   }
   /* The child finds its channel on descriptor 3; a channel already there
@@ -543,7 +688,7 @@ Instance* Daemon::spawn(const Uuid& ta) {
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attr);
   if (err != 0) {
-    TS_LOG_ERROR("cannot start %s: %s", settings_.host_path.c_str(), std::strerror(err));
+    TS_LOG_ERROR_LIMITED("cannot start %s: %s", settings_.host_path.c_str(), std::strerror(err));
     return nullptr;
   }
   theirs.reset();
@@ -613,7 +758,7 @@ void Daemon::dispatch(Instance& in, PendingOpen p) {
   }
   UniqueFd client_end, host_end;
   if (make_stream_channel(&client_end, &host_end) != 0) {
-    TS_LOG_ERROR("cannot make a session channel: %s", std::strerror(errno));
+    TS_LOG_ERROR_LIMITED("cannot make a session channel: %s", std::strerror(errno));
     answer_open(p.client_id, p.tag, TEE_ERROR_OUT_OF_MEMORY, wire::Origin::Tee, 0, nullptr, UniqueFd());
     return;
   }
@@ -801,6 +946,8 @@ void Daemon::drop(Conn& c, const char* why) {
     } else {
       TS_LOG_DEBUG("client pid %d disconnected", static_cast<int>(cl.creds.pid));
     }
+    auto of_user = clients_by_uid_.find(cl.creds.uid);
+    if (of_user != clients_by_uid_.end() && --of_user->second == 0) clients_by_uid_.erase(of_user);
     /* The moment when whatever clients used should all be back: a leak
      * shows here as a count that grows from one report to the next. */
     if (--clients_ == 0 && log::level() >= log::Level::Debug)

@@ -372,6 +372,7 @@ int run(int argc, char** argv) {
   settings.syslog = to_syslog;
   settings.deterministic_random = o.has_random_seed;
   settings.random_seed = o.random_seed;
+  settings.max_clients_per_user = o.max_clients_per_user;
   UniqueFd listener, locks[2];
   std::string socket_path;
   bool key_created = false;

@@ -3,7 +3,10 @@
 
 #include <getopt.h>
 
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "teesim/paths.h"
 #include "teesim/uuid.h"
@@ -12,7 +15,8 @@ namespace teesim::daemon {
 
 namespace {
 
-enum LongOnly { kLogFile = 256, kRandomSeed, kWipeStorage, kVersion, kSocketGroup };
+enum LongOnly { kLogFile = 256, kRandomSeed, kWipeStorage, kVersion, kSocketGroup,
+                kMaxClientsPerUser };
 
 const option kOptions[] = {
     {"socket", required_argument, nullptr, 's'},
@@ -27,8 +31,20 @@ const option kOptions[] = {
     {"wipe-storage", required_argument, nullptr, kWipeStorage},
     {"help", no_argument, nullptr, 'h'},
     {"version", no_argument, nullptr, kVersion},
+    {"max-clients-per-user", required_argument, nullptr, kMaxClientsPerUser},
     {nullptr, 0, nullptr, 0},
 };
+
+/* A whole decimal number within [min, max]. */
+bool parse_count(const char* text, unsigned long min, unsigned long max, unsigned* out) {
+  if (text == nullptr || text[0] < '0' || text[0] > '9') return false;
+  errno = 0;
+  char* end = nullptr;
+  unsigned long v = std::strtoul(text, &end, 10);
+  if (errno != 0 || *end != '\0' || v < min || v > max) return false;
+  *out = static_cast<unsigned>(v);
+  return true;
+}
 
 }  // namespace
 
@@ -61,6 +77,10 @@ std::string usage(const char* program) {
          "                           are then predictable\n"
          "      --wipe-storage UUID  delete the persistent objects of TA UUID before serving\n"
          "                           (repeatable; \"all\" for every TA)\n"
+         "      --max-clients-per-user N\n"
+         "                           connections one user may hold at once (default " +
+         std::to_string(kDefaultMaxClientsPerUser) + ");\n"
+         "                           more are refused with TEEC_ERROR_BUSY\n"
          "  -h, --help               show this text\n"
          "      --version            show the version\n"
          "\n"
@@ -114,6 +134,13 @@ bool parse_options(int argc, char** argv, Options* out, std::string* error) {
       }
       case 'h': o.help = true; break;
       case kVersion: o.version = true; break;
+      case kMaxClientsPerUser:
+        if (!parse_count(::optarg, 1, 1u << 20, &o.max_clients_per_user)) {
+          *error = std::string("--max-clients-per-user needs a number from 1 to 1048576, not '") +
+                   ::optarg + "'";
+          return false;
+        }
+        break;
       case ':':
         *error = std::string("option ") + argv[::optind - 1] + " needs a value";
         return false;

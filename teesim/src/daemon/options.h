@@ -15,6 +15,9 @@ inline constexpr int kExitFailure = 1;      /* failed while running */
 inline constexpr int kExitUsage = 2;        /* bad options, folders or files */
 inline constexpr int kExitAlreadyRunning = 3; /* another teesim serves the socket */
 
+/* Defaults of the limits a daemon enforces (see --help). */
+inline constexpr unsigned kDefaultMaxClientsPerUser = 512;
+
 struct Options {
   std::string socket_path;
   std::string socket_group;      /* empty: socket mode 0600; else mode 0660 and this group */
@@ -28,6 +31,7 @@ struct Options {
   std::vector<std::string> wipe; /* TA UUIDs (canonical text) or "all" */
   bool help = false;
   bool version = false;
+  unsigned max_clients_per_user = kDefaultMaxClientsPerUser;
 };
 
 /* Parses argv (argv[0] is the program). Unset folders take the defaults of

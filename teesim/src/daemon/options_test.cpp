@@ -90,5 +90,19 @@ TEST(DaemonOptions, HelpNamesEveryOption) {
     EXPECT_NE(text.find(opt), std::string::npos) << opt;
 }
 
+TEST(DaemonOptions, LimitsHaveDefaultsAndRefuseNonsense) {
+  Options o;
+  std::string err;
+  ASSERT_TRUE(parse({}, &o, &err)) << err;
+  EXPECT_EQ(o.max_clients_per_user, kDefaultMaxClientsPerUser);
+  ASSERT_TRUE(parse({"--max-clients-per-user", "3"}, &o, &err)) << err;
+  EXPECT_EQ(o.max_clients_per_user, 3u);
+  for (const char* bad : {"0", "-1", "x", "12x", "", "99999999999"}) {
+    EXPECT_FALSE(parse({"--max-clients-per-user", bad}, &o, &err)) << bad;
+    EXPECT_NE(err.find("--max-clients-per-user"), std::string::npos) << err;
+  }
+  EXPECT_NE(usage("teesim").find("--max-clients-per-user"), std::string::npos);
+}
+
 }  // namespace
 }  // namespace teesim::daemon

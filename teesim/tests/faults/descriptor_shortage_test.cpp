@@ -79,5 +79,104 @@ TEST(DescriptorShortage, SessionsOpenThroughAShortageKeepWorking) {
   TEEC_FinalizeContext(&ctx);
 }
 
+/* Warnings and errors in a stretch of the daemon's log: what a flood of
+ * failures would multiply. */
+int complaints(const std::string& log_text) {
+  int n = 0;
+  for (const char* level : {" warn: ", " error: "}) {
+    for (size_t at = log_text.find(level); at != std::string::npos; at = log_text.find(level, at + 1)) ++n;
+  }
+  return n;
+}
+
+/* Client attempts made while the daemon has no descriptor left. */
+constexpr int kAttempts = 20;
+/* CPU the daemon may spend on them: 1 s, at the 100 ticks per second
+ * that Linux reports; turning a client away costs microseconds, a loop
+ * that spins costs all the CPU it is given. */
+constexpr long long kMaxTicks = 100;
+
+TEST(DescriptorShortage, NewClientsAreTurnedAwayAtOnceWithoutSpinningOrFlooding) {
+  PrivateDaemon d;
+  ASSERT_TRUE(d.Start({"--log-level", "debug"})) << d.Error();
+  d.UseFromThisProcess();
+  const int base = daemon_descriptors(d);
+  ASSERT_GT(base, 0) << d.LogText();
+
+  DescriptorLimit limit(d.Pid(), static_cast<unsigned long>(base) + kHeadroom);
+  ASSERT_TRUE(limit.ok());
+  SilentConnections hog(d.Socket(), kHog);
+  ASSERT_TRUE(eventually([&] { return d.LogText().find("Too many open files") != std::string::npos; }))
+      << "the daemon never ran out of descriptors\n" << d.LogText();
+
+  const size_t log_before = d.LogText().size();
+  const long long ticks_before = cpu_ticks(d.Pid());
+  ASSERT_GE(ticks_before, 0);
+  std::vector<TEEC_Result> results;
+  int hung = run_bounded(
+      1,
+      [&](int) {
+        for (int i = 0; i < kAttempts; ++i) {
+          TEEC_Context ctx{};
+          TEEC_Result r = TEEC_InitializeContext(nullptr, &ctx);
+          results.push_back(r);
+          if (r == TEEC_SUCCESS) TEEC_FinalizeContext(&ctx);
+        }
+      },
+      [&] { d.Kill(); });
+  ASSERT_EQ(hung, 0) << "a client blocked on a daemon out of descriptors";
+  const long long ticks = cpu_ticks(d.Pid()) - ticks_before;
+  const std::string episode = d.LogText().substr(log_before);
+
+  ASSERT_EQ(results.size(), static_cast<size_t>(kAttempts));
+  for (TEEC_Result r : results)
+    EXPECT_EQ(teesim::testing::ResultName(r), teesim::testing::ResultName(TEEC_ERROR_BUSY));
+  EXPECT_LT(ticks, kMaxTicks) << "the daemon spent " << ticks << " ticks on " << kAttempts
+                              << " clients it could not take";
+  EXPECT_LE(complaints(episode), 1) << "one line for the whole episode\n" << episode.substr(0, 2000);
+  EXPECT_NE(read_text(d.ClientLogPath()).find("out of descriptors"), std::string::npos)
+      << "the client's log says why";
+
+  /* Descriptors come back: the daemon serves again, and says so once. */
+  hog.release();
+  limit.restore();
+  TEEC_Context ctx{};
+  EXPECT_TRUE(eventually([&] { return TEEC_InitializeContext(nullptr, &ctx) == TEEC_SUCCESS; }));
+  TEEC_Session s{};
+  uint32_t origin = 0;
+  EXPECT_EQ(TEEC_OpenSession(&ctx, &s, &kTestTa, TEEC_LOGIN_PUBLIC, nullptr, nullptr, &origin), TEEC_SUCCESS);
+  TEEC_CloseSession(&s);
+  TEEC_FinalizeContext(&ctx);
+  EXPECT_NE(d.LogText().find("descriptors available again"), std::string::npos);
+}
+
+TEST(ClientCap, AUserPastTheCapIsRefusedWithBusyUntilAConnectionCloses) {
+  PrivateDaemon d;
+  ASSERT_TRUE(d.Start({"--max-clients-per-user", "3"})) << d.Error();
+  d.UseFromThisProcess();
+  TEEC_Context held[3] = {};
+  for (TEEC_Context& c : held) ASSERT_EQ(TEEC_InitializeContext(nullptr, &c), TEEC_SUCCESS);
+  for (int i = 0; i < 50; ++i) {
+    TEEC_Context extra{};
+    TEEC_Result r = TEEC_InitializeContext(nullptr, &extra);
+    ASSERT_EQ(teesim::testing::ResultName(r), teesim::testing::ResultName(TEEC_ERROR_BUSY))
+        << "attempt " << i << "\n" << read_text(d.ClientLogPath());
+  }
+  EXPECT_NE(read_text(d.ClientLogPath()).find("the most it allows"), std::string::npos)
+      << read_text(d.ClientLogPath());
+  /* 50 refusals, a handful of lines (the rest are counted in the next one). */
+  EXPECT_LE(complaints(d.LogText()), 5) << d.LogText().substr(0, 2000);
+
+  TEEC_FinalizeContext(&held[0]);
+  /* The daemon learns of the close in its next turn. */
+  EXPECT_TRUE(eventually([&] { return TEEC_InitializeContext(nullptr, &held[0]) == TEEC_SUCCESS; }));
+  TEEC_Session s{};
+  uint32_t origin = 0;
+  EXPECT_EQ(TEEC_OpenSession(&held[0], &s, &kTestTa, TEEC_LOGIN_PUBLIC, nullptr, nullptr, &origin),
+            TEEC_SUCCESS);
+  TEEC_CloseSession(&s);
+  for (TEEC_Context& c : held) TEEC_FinalizeContext(&c);
+}
+
 }  // namespace
 }  // namespace faults
