@@ -72,14 +72,15 @@ void write_limited(RateLimit& limit, Level level, const char* fmt, ...)
 #define TS_LOG_INFO(...) ::teesim::log::write(::teesim::log::Level::Info, __VA_ARGS__)
 #define TS_LOG_DEBUG(...) ::teesim::log::write(::teesim::log::Level::Debug, __VA_ARGS__)
 /* Lines an untrusted peer can trigger: each call site has its own static
- * RateLimit (at most 5 lines per 10 s). */
+ * RateLimit (at most 10 lines per 10 s). */
 #define TS_LOG_LIMITED_AT(lvl, ...)                                              \
   do {                                                                           \
-    static ::teesim::log::RateLimit ts_log_limit_(5, 10000);                     \
+    static ::teesim::log::RateLimit ts_log_limit_(10, 10000);                     \
     ::teesim::log::write_limited(ts_log_limit_, lvl, __VA_ARGS__);               \
   } while (0)
 #define TS_LOG_ERROR_LIMITED(...) TS_LOG_LIMITED_AT(::teesim::log::Level::Error, __VA_ARGS__)
 #define TS_LOG_WARN_LIMITED(...) TS_LOG_LIMITED_AT(::teesim::log::Level::Warn, __VA_ARGS__)
 #define TS_LOG_INFO_LIMITED(...) TS_LOG_LIMITED_AT(::teesim::log::Level::Info, __VA_ARGS__)
+#define TS_LOG_DEBUG_LIMITED(...) TS_LOG_LIMITED_AT(::teesim::log::Level::Debug, __VA_ARGS__)
 
 #endif  // TEESIM_COMMON_LOG_H

@@ -477,9 +477,13 @@ void Daemon::reap() {
     if (normal && rec.retiring) {
       TS_LOG_DEBUG("%s ended", rec.label.c_str());
     } else if (normal) {
-      TS_LOG_INFO("%s ended", rec.label.c_str());
+      TS_LOG_INFO_LIMITED("%s ended", rec.label.c_str());
     } else {
-      TS_LOG_WARN("%s %s", rec.label.c_str(), describe_status(status).c_str());
+      /* Clients can make TAs crash as often as they like; yet each end is
+       * worth its line while it is not a flood. */
+      static log::RateLimit ends(30, 10000);
+      log::write_limited(ends, log::Level::Warn, "%s %s", rec.label.c_str(),
+                         describe_status(status).c_str());
     }
     children_.erase(it);
   }
@@ -529,7 +533,7 @@ void Daemon::read_frames(Conn& c) {
     wire::Frame frame;
     wire::Status st = wire::parse_frame(buf_.data(), static_cast<size_t>(n), &frame);
     if (st != wire::Status::Ok) {
-      TS_LOG_WARN("malformed frame (%s)", wire::status_name(st));
+      TS_LOG_WARN_LIMITED("malformed frame (%s)", wire::status_name(st));
       drop(c, "sent a malformed frame");
       return;
     }
@@ -568,7 +572,7 @@ void Daemon::open_session(Client& c, const wire::Frame& f, FdList& fds) {
   wire::OpenSession msg;
   wire::Status st = wire::decode(f, fds.count, &msg);
   if (st != wire::Status::Ok) {
-    TS_LOG_WARN("client pid %d: bad open-session request (%s)", static_cast<int>(c.creds.pid),
+    TS_LOG_WARN_LIMITED("client pid %d: bad open-session request (%s)", static_cast<int>(c.creds.pid),
                 wire::status_name(st));
     drop(c, "sent a malformed frame");
     return;
@@ -583,7 +587,7 @@ void Daemon::open_session(Client& c, const wire::Frame& f, FdList& fds) {
   Uuid identity;
   uint32_t r = client_identity(msg.login, msg.has_group, msg.group, c.creds, &identity);
   if (r != TEE_SUCCESS) {
-    TS_LOG_INFO("client pid %d: login 0x%x refused (0x%08x)", static_cast<int>(c.creds.pid),
+    TS_LOG_INFO_LIMITED("client pid %d: login 0x%x refused (0x%08x)", static_cast<int>(c.creds.pid),
                 static_cast<uint32_t>(msg.login), r);
     return refuse(r);
   }
@@ -591,7 +595,7 @@ void Daemon::open_session(Client& c, const wire::Frame& f, FdList& fds) {
   const std::string path = settings_.ta_dir + "/" + ta_text + ".ta";
   struct stat sb{};
   if (::stat(path.c_str(), &sb) != 0 || !S_ISREG(sb.st_mode)) {
-    TS_LOG_INFO("client pid %d asked for TA %s, which is not installed in %s",
+    TS_LOG_INFO_LIMITED("client pid %d asked for TA %s, which is not installed in %s",
                 static_cast<int>(c.creds.pid), ta_text.c_str(), settings_.ta_dir.c_str());
     return refuse(TEE_ERROR_ITEM_NOT_FOUND);
   }
@@ -803,14 +807,14 @@ void Daemon::on_instance_frame(Instance& in, const wire::Frame& f, FdList& fds) 
     default:
       break;
   }
-  TS_LOG_ERROR("TA %s instance %u broke the protocol; stopping it", in.ta_text.c_str(), in.instance_no);
+  TS_LOG_ERROR_LIMITED("TA %s instance %u broke the protocol; stopping it", in.ta_text.c_str(), in.instance_no);
   ::kill(in.pid, SIGKILL);
   drop(in, nullptr);
 }
 
 void Daemon::on_init_reply(Instance& in, const wire::HostInitReply& r) {
   if (r.result != TEE_SUCCESS) {
-    TS_LOG_ERROR("cannot start TA %s: %s", in.ta_text.c_str(), r.error.c_str());
+    TS_LOG_ERROR_LIMITED("cannot start TA %s: %s", in.ta_text.c_str(), r.error.c_str());
     in.state = Instance::State::Retiring;
     children_[in.pid].retiring = true;
     std::deque<PendingOpen> queued = std::move(in.queued);
@@ -825,7 +829,7 @@ void Daemon::on_init_reply(Instance& in, const wire::HostInitReply& r) {
   known_flags_[in.ta] = r.ta_flags;
   children_[in.pid].label = "TA " + in.name + " (" + in.ta_text + ") instance " +
                             std::to_string(in.instance_no) + " (pid " + std::to_string(in.pid) + ")";
-  TS_LOG_INFO("started TA %s (%s) instance %u, pid %d", in.name.c_str(), in.ta_text.c_str(),
+  TS_LOG_INFO_LIMITED("started TA %s (%s) instance %u, pid %d", in.name.c_str(), in.ta_text.c_str(),
               in.instance_no, static_cast<int>(in.pid));
   if (settings_.deterministic_random)
     TS_LOG_WARN("TA %s instance %u draws DETERMINISTIC random numbers (--random-seed)",
@@ -847,7 +851,7 @@ void Daemon::on_init_reply(Instance& in, const wire::HostInitReply& r) {
 void Daemon::on_open_reply(Instance& in, uint32_t, const wire::HostOpenReply& r) {
   auto it = dispatched_.find(r.session_id);
   if (it == dispatched_.end() || it->second.instance_id != in.id) {
-    TS_LOG_ERROR("TA %s answered an unknown session %u", in.ta_text.c_str(), r.session_id);
+    TS_LOG_ERROR_LIMITED("TA %s answered an unknown session %u", in.ta_text.c_str(), r.session_id);
     return;
   }
   PendingOpen p = std::move(it->second);
@@ -942,7 +946,7 @@ void Daemon::drop(Conn& c, const char* why) {
   if (c.kind == Conn::Kind::Client) {
     auto& cl = static_cast<Client&>(c);
     if (why != nullptr) {
-      TS_LOG_WARN("client pid %d %s; closing its connection", static_cast<int>(cl.creds.pid), why);
+      TS_LOG_WARN_LIMITED("client pid %d %s; closing its connection", static_cast<int>(cl.creds.pid), why);
     } else {
       TS_LOG_DEBUG("client pid %d disconnected", static_cast<int>(cl.creds.pid));
     }
