@@ -213,7 +213,7 @@ bool start_daemon(const std::string& socket_path, std::string* why) {
 /* Reads the daemon's answer to the greeting, which is there already.
  * Returns TEEC_SUCCESS for a HELLO_REPLY, the result of a REFUSED (with its
  * reason in *why), or TEEC_ERROR_COMMUNICATION. */
-TEEC_Result read_greeting_answer(int fd, std::string* why) {
+TEEC_Result read_greeting_answer(int fd, std::string* why, uint32_t* max_operation_bytes) {
   std::vector<uint8_t> buf(teesim::wire::kMaxFrameSize);
   teesim::FdList fds;
   ssize_t n = teesim::recv_frame(fd, buf.data(), buf.size(), &fds, /*nonblocking=*/true);
@@ -237,7 +237,10 @@ TEEC_Result read_greeting_answer(int fd, std::string* why) {
   } else if (st == teesim::wire::Status::Ok) {
     teesim::wire::HelloReply reply;
     st = teesim::wire::decode(f, fds.count, &reply);
-    if (st == teesim::wire::Status::Ok) return TEEC_SUCCESS;
+    if (st == teesim::wire::Status::Ok) {
+      *max_operation_bytes = reply.max_operation_bytes;
+      return TEEC_SUCCESS;
+    }
   }
   *why = std::string("bad greeting (") + teesim::wire::status_name(st) + ")";
   return TEEC_ERROR_COMMUNICATION;
@@ -246,8 +249,10 @@ TEEC_Result read_greeting_answer(int fd, std::string* why) {
 /* HELLO / HELLO_REPLY, bounded in time: something that accepts but never
  * answers is not a TEE daemon, and must not hang the caller. Returns
  * TEEC_SUCCESS; the result of the daemon's refusal (TEEC_ERROR_BUSY when it
- * has too many connections); or TEEC_ERROR_COMMUNICATION. */
-TEEC_Result greet(int fd, std::string* why) {
+ * has too many connections); or TEEC_ERROR_COMMUNICATION.
+ * Out: max_operation_bytes, the daemon's bound on one operation's memory
+ * references. */
+TEEC_Result greet(int fd, std::string* why, uint32_t* max_operation_bytes) {
   std::vector<uint8_t> frame;
   teesim::wire::Hello hello;
   hello.client_pid = static_cast<uint32_t>(::getpid());
@@ -257,7 +262,7 @@ TEEC_Result greet(int fd, std::string* why) {
     /* A daemon that turns us away may have closed before our greeting; its
      * refusal is still there to read. */
     std::string answer_why;
-    TEEC_Result refused = read_greeting_answer(fd, &answer_why);
+    TEEC_Result refused = read_greeting_answer(fd, &answer_why, max_operation_bytes);
     if (refused != TEEC_SUCCESS && refused != TEEC_ERROR_COMMUNICATION) {
       *why = answer_why;
       return refused;
@@ -280,12 +285,13 @@ TEEC_Result greet(int fd, std::string* why) {
       return TEEC_ERROR_COMMUNICATION;
     }
   }
-  return read_greeting_answer(fd, why);
+  return read_greeting_answer(fd, why, max_operation_bytes);
 }
 
 }  // namespace
 
-TEEC_Result connect_service(UniqueFd* out, std::string* socket_path, std::string* why) {
+TEEC_Result connect_service(UniqueFd* out, uint32_t* max_operation_bytes, std::string* socket_path,
+                            std::string* why) {
   const char* chosen = ::secure_getenv("TEESIM_SOCKET");
   if ((chosen != nullptr && chosen[0] != '\0') || ::geteuid() == 0) return TEEC_ERROR_ITEM_NOT_FOUND;
   struct stat st{};
@@ -293,7 +299,7 @@ TEEC_Result connect_service(UniqueFd* out, std::string* socket_path, std::string
   if (::lstat(kServiceSocket, &st) != 0 || !S_ISSOCK(st.st_mode) || !service_uid(&service) ||
       st.st_uid != service)
     return TEEC_ERROR_ITEM_NOT_FOUND;
-  TEEC_Result r = connect_daemon(kServiceSocket, /*may_start=*/false, out, why);
+  TEEC_Result r = connect_daemon(kServiceSocket, /*may_start=*/false, out, max_operation_bytes, why);
   if (r == TEEC_SUCCESS) {
     *socket_path = kServiceSocket;
     return TEEC_SUCCESS;
@@ -311,7 +317,7 @@ TEEC_Result connect_service(UniqueFd* out, std::string* socket_path, std::string
 }
 
 TEEC_Result connect_daemon(const std::string& socket_path, bool may_start, UniqueFd* out,
-                           std::string* why) {
+                           uint32_t* max_operation_bytes, std::string* why) {
   if (!socket_owner_ok(socket_path, why)) return TEEC_ERROR_COMMUNICATION;
   UniqueFd fd;
   int r = connect_socket(socket_path, &fd);
@@ -345,7 +351,7 @@ TEEC_Result connect_daemon(const std::string& socket_path, bool may_start, Uniqu
   }
   if (!socket_owner_ok(socket_path, why)) return TEEC_ERROR_COMMUNICATION;
   std::string greet_why;
-  TEEC_Result greeted = greet(fd.get(), &greet_why);
+  TEEC_Result greeted = greet(fd.get(), &greet_why, max_operation_bytes);
   if (greeted == TEEC_ERROR_COMMUNICATION) {
     *why = socket_path + " does not answer as a TEE daemon: " + greet_why;
     return greeted;

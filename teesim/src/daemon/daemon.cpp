@@ -557,7 +557,7 @@ void Daemon::on_client_frame(Client& c, const wire::Frame& f, FdList& fds) {
     c.greeted = true;
     wire::HelloReply reply;
     reply.daemon_pid = static_cast<uint32_t>(::getpid());
-    reply.max_shm_size = wire::kMaxShmSize;
+    reply.max_operation_bytes = settings_.max_operation_bytes;
     send(c, f.tag, reply);
     return;
   }
@@ -717,6 +717,8 @@ Instance* Daemon::spawn(const Uuid& ta) {
   init.instance_no = instance_no;
   init.log_level = static_cast<uint32_t>(settings_.log_level);
   init.log_flags = settings_.syslog ? 1 : 0;
+  init.max_operation_bytes = settings_.max_operation_bytes;
+  init.max_session_shm_bytes = settings_.max_session_shm_bytes;
   init.ta_path = settings_.ta_dir + "/" + ta_text + ".ta";
   init.storage_dir = settings_.storage_dir;
   TaKeys keys;

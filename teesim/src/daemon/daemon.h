@@ -26,6 +26,12 @@ struct Settings {
   /* Client connections one user may hold at once; more are refused with
    * TEE_ERROR_BUSY (REFUSED), so one user cannot take every descriptor. */
   unsigned max_clients_per_user = 512;
+  /* Memory a client may make a TA instance take: memory references of one
+   * operation (sizes added up; each is copied for the TA), and shared memory
+   * one session keeps mapped. Past them: TEE_ERROR_EXCESS_DATA and
+   * TEE_ERROR_OUT_OF_MEMORY. */
+  uint32_t max_operation_bytes = 64u << 20;
+  uint32_t max_session_shm_bytes = 256u << 20;
 };
 
 /* Serves `listener` (a listening SOCK_SEQPACKET socket) until SIGTERM or

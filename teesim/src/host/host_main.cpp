@@ -47,6 +47,10 @@ std::mutex g_ta_mutex;
 std::mutex g_control_mutex;
 
 const teesim_ta_descriptor* g_ta = nullptr;
+/* The memory a client may make this process take (from HOST_INIT): memory
+ * references of one operation, and shared memory one session keeps mapped. */
+size_t g_max_operation_bytes = 0;
+size_t g_max_session_shm_bytes = 0;
 std::atomic<int> g_sessions{0};
 
 class Session;
@@ -88,7 +92,7 @@ class Session {
   Session(uint32_t id, UniqueFd channel, uint32_t login, const Uuid& client, void* ta_context,
           ShmCache cache)
       : id_(id), channel_(std::move(channel)), login_(login), client_(client),
-        ta_context_(ta_context), cache_(std::move(cache)) {}
+        ta_context_(ta_context), cache_(std::move(cache)), op_(g_max_operation_bytes) {}
 
   void serve() {
     bool close_requested = serve_commands();
@@ -318,8 +322,8 @@ void open_session(uint32_t tag, const wire::HostOpen& msg, FdList& fds) {
   wire::HostOpenReply reply;
   reply.session_id = msg.session_id;
   UniqueFd channel(fds.fds[0].release());
-  ShmCache cache;
-  Operation op;
+  ShmCache cache(g_max_session_shm_bytes);
+  Operation op(g_max_operation_bytes);
   std::string why;
   TEE_Result res = op.prepare(msg.params, fds, 1, cache, &why);
   fds.clear();
@@ -434,6 +438,8 @@ int run(int argc, char** argv) {
   log::Level level = log::Level::Info;
   if (init.log_level >= 1 && init.log_level <= 4) level = static_cast<log::Level>(init.log_level);
   log::init("teesim-ta", level, init.log_flags & 1);
+  g_max_operation_bytes = init.max_operation_bytes;
+  g_max_session_shm_bytes = init.max_session_shm_bytes;
 
   LoadError err;
   runtime::Config config;

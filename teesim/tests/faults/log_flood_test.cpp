@@ -1,10 +1,7 @@
 /* A client that sends garbage as fast as it can gets its connections and
  * sessions closed, and the log grows by a bounded number of lines, not by a
  * line or two per frame. */
-#include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -15,13 +12,10 @@
 
 #include "support.h"
 #include "teesim/channel.h"
-#include "teesim/uuid.h"
-#include "teesim/wire.h"
 
 namespace faults {
 namespace {
 
-namespace w = teesim::wire;
 using teesim::UniqueFd;
 
 /* Each kind of garbage is sent this many times. */
@@ -30,52 +24,6 @@ constexpr int kRounds = 150;
  * a client's garbage reaches, per 10 s: the log's rate limit, with room. */
 constexpr int kLinesPerPlacePerWindow = 10;
 constexpr int kPlaces = 5;
-
-UniqueFd raw_connect(const std::string& path) {
-  UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
-  if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) fd.reset();
-  return fd;
-}
-
-template <typename M>
-bool raw_send(int fd, const M& msg, uint32_t tag = 1) {
-  std::vector<uint8_t> frame;
-  return w::encode(frame, tag, msg) == w::Status::Ok && teesim::send_frame(fd, frame.data(), frame.size()) == 0;
-}
-
-/* Waits until the peer closes (true), reading and dropping what comes;
- * the bound is one only a broken daemon reaches. */
-bool closed_by_peer(int fd) {
-  std::vector<uint8_t> buf(w::kMaxFrameSize);
-  for (int i = 0; i < 600; ++i) {
-    pollfd p{fd, POLLIN, 0};
-    if (::poll(&p, 1, 100) <= 0) continue;
-    teesim::FdList fds;
-    uint8_t byte;
-    ssize_t n = (p.revents & POLLIN) ? ::recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) : 0;
-    if (n <= 0) return true;
-    if (teesim::recv_frame(fd, buf.data(), buf.size(), &fds) <= 0) return true;
-  }
-  return false;
-}
-
-/* Opens a session by hand: the test gets the raw session channel. */
-bool raw_open(int fd, const TEEC_UUID& ta, UniqueFd* channel) {
-  w::OpenSession open;
-  open.ta = teesim::uuid_from_fields(ta.timeLow, ta.timeMid, ta.timeHiAndVersion, ta.clockSeqAndNode);
-  if (!raw_send(fd, w::Hello{}) || !raw_send(fd, open, 2)) return false;
-  std::vector<uint8_t> buf(w::kMaxFrameSize);
-  teesim::FdList fds;
-  for (int i = 0; i < 2; ++i) {
-    if (teesim::recv_frame(fd, buf.data(), buf.size(), &fds) <= 0) return false;
-  }
-  if (fds.count != 1) return false;
-  channel->reset(fds.fds[0].release());
-  return true;
-}
 
 int lines(const std::string& text) {
   int n = 0;

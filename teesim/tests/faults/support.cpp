@@ -2,6 +2,7 @@
 #include "support.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -18,6 +19,8 @@
 #include <mutex>
 #include <sstream>
 #include <thread>
+
+#include "teesim/uuid.h"
 
 namespace faults {
 
@@ -156,6 +159,50 @@ long long cpu_ticks(pid_t pid) {
     if (i == 15) stime = std::atoll(field.c_str());
   }
   return utime < 0 || stime < 0 ? -1 : utime + stime;
+}
+
+teesim::UniqueFd raw_connect(const std::string& path) {
+  teesim::UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+  if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) fd.reset();
+  return fd;
+}
+
+bool raw_open(int fd, const TEEC_UUID& ta, teesim::UniqueFd* channel) {
+  namespace w = teesim::wire;
+  w::OpenSession open;
+  open.ta = teesim::uuid_from_fields(ta.timeLow, ta.timeMid, ta.timeHiAndVersion, ta.clockSeqAndNode);
+  if (!raw_send(fd, w::Hello{}) || !raw_send(fd, open, 2)) return false;
+  std::vector<uint8_t> buf(w::kMaxFrameSize);
+  teesim::FdList fds;
+  for (int i = 0; i < 2; ++i) {
+    if (teesim::recv_frame(fd, buf.data(), buf.size(), &fds) <= 0) return false;
+  }
+  if (fds.count != 1) return false;
+  channel->reset(fds.fds[0].release());
+  return true;
+}
+
+bool closed_by_peer(int fd) {
+  std::vector<uint8_t> buf(teesim::wire::kMaxFrameSize);
+  for (int i = 0; i < 600; ++i) {
+    pollfd p{fd, POLLIN, 0};
+    if (::poll(&p, 1, 100) <= 0) continue;
+    uint8_t byte;
+    if (::recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) <= 0) return true;
+    teesim::FdList fds;
+    if (teesim::recv_frame(fd, buf.data(), buf.size(), &fds) <= 0) return true;
+  }
+  return false;
+}
+
+long peak_rss_kib(pid_t pid) {
+  std::string text = read_text("/proc/" + std::to_string(pid) + "/status");
+  size_t at = text.find("VmHWM:");
+  if (at == std::string::npos) return -1;
+  return std::atol(text.c_str() + at + 6);
 }
 
 }  // namespace faults

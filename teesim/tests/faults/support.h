@@ -13,6 +13,9 @@
 #include <vector>
 
 #include "tee_client_api.h"
+#include "teesim/channel.h"
+#include "teesim/unique_fd.h"
+#include "teesim/wire.h"
 #include "teesim/testing/private_daemon.h"
 #include "teesim_test_ta.h"
 
@@ -88,6 +91,31 @@ class SilentConnections {
 /* The CPU time a process has used so far, in clock ticks (user + system,
  * from /proc/<pid>/stat); -1 when it cannot be read. */
 long long cpu_ticks(pid_t pid);
+
+/* ---- the protocol by hand, as a hostile client speaks it ---- */
+
+/* A connection to the daemon at `path`, or an invalid one. */
+teesim::UniqueFd raw_connect(const std::string& path);
+
+/* Encodes and sends one frame. Returns true when it was sent. */
+template <typename M>
+bool raw_send(int fd, const M& msg, uint32_t tag = 1) {
+  std::vector<uint8_t> frame;
+  return teesim::wire::encode(frame, tag, msg) == teesim::wire::Status::Ok &&
+         teesim::send_frame(fd, frame.data(), frame.size()) == 0;
+}
+
+/* Greets the daemon on `fd` and opens a session with `ta` (public login, no
+ * parameters). Returns true with the session channel in *channel. */
+bool raw_open(int fd, const TEEC_UUID& ta, teesim::UniqueFd* channel);
+
+/* Waits until the peer closes `fd` (true), reading and dropping what comes;
+ * the bound (60 s) is one only a broken peer reaches. */
+bool closed_by_peer(int fd);
+
+/* A TA instance's peak resident memory in KiB (VmHWM of /proc/<pid>/status),
+ * or -1 when it cannot be read. */
+long peak_rss_kib(pid_t pid);
 
 /* The whole text of a file ("" when missing). */
 std::string read_text(const std::string& path);

@@ -23,7 +23,9 @@
  *   bodies ("uuid" = 16 bytes, RFC 4122 order; "key" = 32 bytes;
  *           "str" = u32 length (<= kMaxString) + that many bytes, no NUL)
  *     HELLO                client -> daemon  u32 client_pid
- *     HELLO_REPLY          daemon -> client  u32 daemon_pid, u32 max_shm_size
+ *     HELLO_REPLY          daemon -> client  u32 daemon_pid, u32 max_operation_bytes
+ *                                            (the most bytes of memory references,
+ *                                            sizes added up, one operation may carry)
  *     REFUSED              daemon -> client  u32 result, str reason
  *                                            (instead of any answer, when the
  *                                            daemon will not serve this connection;
@@ -40,6 +42,7 @@
  *     SHM_FORGET           client -> TA      u32 shm_id           (no reply)
  *     HOST_INIT            daemon -> TA      uuid ta, u32 instance_no, u32 log_level,
  *                                            u32 log_flags, u32 random_mode,
+ *                                            u32 max_operation_bytes, u32 max_session_shm_bytes,
  *                                            key storage_key, key name_key, key random_key,
  *                                            str ta_path, str storage_dir
  *     HOST_INIT_REPLY      TA -> daemon      u32 result, u32 origin, u32 ta_flags, str name,
@@ -194,7 +197,7 @@ struct Hello {
 struct HelloReply {
   static constexpr MsgType kType = MsgType::HelloReply;
   uint32_t daemon_pid = 0;
-  uint32_t max_shm_size = 0;
+  uint32_t max_operation_bytes = 0; /* memref sizes added up, per operation */
 };
 /* Why the daemon turns a connection away: result is a TEE_ERROR_* code
  * (TEE_ERROR_BUSY: too many connections, or out of descriptors), reason a
@@ -247,6 +250,8 @@ struct HostInit {
   uint32_t log_level = 0;
   uint32_t log_flags = 0;
   uint32_t random_mode = 0; /* 0: from the OS; 1: deterministic from random_key */
+  uint32_t max_operation_bytes = 0;   /* memref sizes added up, per operation */
+  uint32_t max_session_shm_bytes = 0; /* shared memory a session may keep mapped */
   std::array<uint8_t, kKeySize> storage_key{};
   std::array<uint8_t, kKeySize> name_key{};
   std::array<uint8_t, kKeySize> random_key{};
