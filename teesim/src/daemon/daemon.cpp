@@ -82,6 +82,24 @@ struct Client : Conn {
   int pending_opens = 0;
 };
 
+/* Which file a TA is, as it was when looked at: a rebuilt or reinstalled
+ * TA is a new file (another inode), or the same one rewritten (another
+ * modification time or size). */
+struct TaFile {
+  dev_t dev = 0;
+  ino_t ino = 0;
+  int64_t mtime_ns = 0;
+  off_t size = 0;
+  static TaFile of(const struct stat& st) {
+    return TaFile{st.st_dev, st.st_ino, int64_t{st.st_mtim.tv_sec} * 1000000000 + st.st_mtim.tv_nsec,
+                  st.st_size};
+  }
+  bool operator==(const TaFile& o) const {
+    return dev == o.dev && ino == o.ino && mtime_ns == o.mtime_ns && size == o.size;
+  }
+  bool operator!=(const TaFile& o) const { return !(*this == o); }
+};
+
 /* An open request on its way to a TA instance. Its frame may carry memref
  * bytes of the client, so it is wiped when dropped undelivered. */
 struct PendingOpen {
@@ -93,6 +111,7 @@ struct PendingOpen {
   uint64_t client_id = 0;
   uint32_t tag = 0;
   Uuid ta;
+  TaFile ta_file;                 /* the TA's file when the open arrived */
   std::vector<uint8_t> host_open; /* the HOST_OPEN frame, encoded on arrival */
   std::vector<UniqueFd> shm_fds;
   UniqueFd client_end;            /* set once dispatched */
@@ -103,6 +122,8 @@ struct Instance : Conn {
   Instance() : Conn(Kind::Instance) {}
   enum class State { Starting, Ready, Retiring } state = State::Starting;
   Uuid ta;
+  TaFile ta_file; /* the file it was started from; new opens of another go elsewhere */
+  bool outdated = false; /* its file was replaced: it serves only its own sessions */
   std::string ta_text;
   pid_t pid = 0;
   ChildWatch watch; /* is the process still running? */
@@ -186,7 +207,7 @@ class Daemon {
    * dispatch: sent now. */
   void enqueue(Instance& in, PendingOpen p);
   void dispatch(Instance& in, PendingOpen p);
-  Instance* spawn(const Uuid& ta);
+  Instance* spawn(const Uuid& ta, const TaFile& file);
   void on_init_reply(Instance& in, const wire::HostInitReply& r);
   void on_open_reply(Instance& in, uint32_t tag, const wire::HostOpenReply& r);
   void maybe_retire(Instance& in);
@@ -606,6 +627,7 @@ void Daemon::open_session(Client& c, const wire::Frame& f, FdList& fds) {
   p.client_id = c.id;
   p.tag = f.tag;
   p.ta = msg.ta;
+  p.ta_file = TaFile::of(sb);
   wire::HostOpen host_open;
   host_open.session_id = p.session_id;
   host_open.login = msg.login;
@@ -628,7 +650,16 @@ void Daemon::route(PendingOpen p) {
     for (auto it = range.first; it != range.second; ++it) candidates.push_back(it->second);
     for (uint64_t id : candidates) {
       Instance* in = instance(id);
-      if (in == nullptr || in->dead) continue;
+      if (in == nullptr || in->dead || in->outdated) continue;
+      /* A TA rebuilt since this instance started: new sessions get the TA
+       * as its file is now; this instance finishes the sessions it has. */
+      if (in->ta_file != p.ta_file) {
+        TS_LOG_INFO_LIMITED("TA %s has changed on disk; instance %u (pid %d) keeps only its sessions",
+                            in->ta_text.c_str(), in->instance_no, static_cast<int>(in->pid));
+        in->outdated = true;
+        maybe_retire(*in);
+        continue;
+      }
       /* A client may learn of an instance's death (its session channel
        * broke) before this loop has read the end of the control channel -
        * or before the dying process has even released it. Only a process
@@ -649,7 +680,7 @@ void Daemon::route(PendingOpen p) {
       }
     }
   }
-  Instance* in = spawn(p.ta);
+  Instance* in = spawn(p.ta, p.ta_file);
   if (in == nullptr) {
     answer_open(p.client_id, p.tag, TEE_ERROR_GENERIC, wire::Origin::Tee, 0, nullptr, UniqueFd());
     return;
@@ -657,7 +688,7 @@ void Daemon::route(PendingOpen p) {
   enqueue(*in, std::move(p)); /* it may have died already, as it started */
 }
 
-Instance* Daemon::spawn(const Uuid& ta) {
+Instance* Daemon::spawn(const Uuid& ta, const TaFile& file) {
   UniqueFd mine, theirs;
   if (make_channel(&mine, &theirs) != 0) {
     TS_LOG_ERROR_LIMITED("cannot make a control channel: %s", std::strerror(errno));
@@ -701,6 +732,7 @@ Instance* Daemon::spawn(const Uuid& ta) {
   in->id = next_conn_id_++;
   in->fd = std::move(mine);
   in->ta = ta;
+  in->ta_file = file;
   in->ta_text = ta_text;
   in->pid = pid;
   in->watch = ChildWatch(pid);
@@ -888,7 +920,7 @@ void Daemon::maybe_retire(Instance& in) {
   if (in.state != Instance::State::Ready || in.dead) return;
   if (in.sessions > 0 || in.dispatched > 0 || !in.queued.empty()) return;
   const uint32_t keep = TEESIM_TA_FLAG_SINGLE_INSTANCE | TEESIM_TA_FLAG_KEEP_ALIVE;
-  if ((in.flags & keep) == keep && !stopping_) return;
+  if ((in.flags & keep) == keep && !stopping_ && !in.outdated) return;
   in.state = Instance::State::Retiring;
   children_[in.pid].retiring = true;
   send(in, 0, wire::HostDestroy{});
