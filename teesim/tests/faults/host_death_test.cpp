@@ -16,7 +16,7 @@ namespace {
 /* Clients opening at once: enough that opens queue while an instance
  * starts, so each step meets one open on its way and others waiting. */
 constexpr int kClients = 8;
-constexpr int kOpensPerClient = 40;
+constexpr int kOpensPerClient = 64; /* 2048 opens over the four steps */
 
 struct Tally {
   std::mutex mu;
