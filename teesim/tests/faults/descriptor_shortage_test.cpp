@@ -128,6 +128,8 @@ TEST(DescriptorShortage, NewClientsAreTurnedAwayAtOnceWithoutSpinningOrFlooding)
   ASSERT_EQ(hung, 0) << "a client blocked on a daemon out of descriptors";
   const long long ticks = cpu_ticks(d.Pid()) - ticks_before;
   const std::string episode = d.LogText().substr(log_before);
+  RecordProperty("daemon_cpu_ticks", static_cast<int>(ticks));
+  RecordProperty("warnings_in_episode", complaints(episode));
 
   ASSERT_EQ(results.size(), static_cast<size_t>(kAttempts));
   for (TEEC_Result r : results)
