@@ -60,6 +60,7 @@ int main(int argc, char** argv) {
 
   put("hello", w::Hello{1234}, 0);
   put("hello_reply", w::HelloReply{1, w::kMaxShmSize}, 0);
+  put("refused", w::Refused{0xFFFF000Du, "too many connections"}, 0);
   w::OpenSession os;
   os.login = w::Login::Group;
   os.has_group = true;

@@ -41,6 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (w::parse_frame(frame_bytes, len, &frame) != w::Status::Ok) return 0;
   check<w::Hello>(frame_bytes, len, frame, nfds);
   check<w::HelloReply>(frame_bytes, len, frame, nfds);
+  check<w::Refused>(frame_bytes, len, frame, nfds);
   check<w::OpenSession>(frame_bytes, len, frame, nfds);
   check<w::OpenSessionReply>(frame_bytes, len, frame, nfds);
   check<w::Invoke>(frame_bytes, len, frame, nfds);

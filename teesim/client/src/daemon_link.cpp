@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -34,6 +35,8 @@ using teesim::UniqueFd;
 constexpr int kDaemonAlreadyRunning = 3;
 constexpr int kStartTimeoutMs = 15000;
 constexpr int kGreetingTimeoutMs = 5000;
+/* How long a full backlog is waited out before the daemon counts as busy. */
+constexpr int kConnectTimeoutMs = 5000;
 
 int64_t now_ms() {
   timespec ts{};
@@ -41,19 +44,29 @@ int64_t now_ms() {
   return int64_t{ts.tv_sec} * 1000 + ts.tv_nsec / 1000000;
 }
 
-/* Returns 0 with a connected socket, or -errno. */
+/* Returns 0 with a connected (blocking) socket, or -errno; -EAGAIN when
+ * the daemon's backlog stayed full for kConnectTimeoutMs. The connect itself
+ * never blocks: a daemon that does not accept cannot hold the caller. */
 int connect_socket(const std::string& path, UniqueFd* out) {
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
   if (path.size() >= sizeof addr.sun_path) return -ENAMETOOLONG;
   std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-  UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!fd) return -errno;
-  int r;
-  do {
-    r = ::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-  } while (r != 0 && errno == EINTR);
-  if (r != 0) return -errno;
+  const int64_t deadline = now_ms() + kConnectTimeoutMs;
+  useconds_t pause_us = 1000;
+  for (;;) {
+    if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) break;
+    if (errno == EINTR) continue;
+    /* A Unix socket answers EAGAIN at once while the backlog is full. */
+    if (errno != EAGAIN) return -errno;
+    if (now_ms() >= deadline) return -EAGAIN;
+    ::usleep(pause_us);
+    pause_us = std::min<useconds_t>(pause_us * 2, 50000);
+  }
+  int flags = ::fcntl(fd.get(), F_GETFL);
+  if (flags < 0 || ::fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK) != 0) return -errno;
   *out = std::move(fd);
   return 0;
 }
@@ -208,17 +221,65 @@ bool start_daemon(const std::string& socket_path, std::string* why) {
   return false;
 }
 
+/* Reads the daemon's answer to the greeting, which is there already.
+ * Returns TEEC_SUCCESS for a HELLO_REPLY, the result of a REFUSED (with its
+ * reason in *why), or TEEC_ERROR_COMMUNICATION. */
+TEEC_Result read_greeting_answer(int fd, std::string* why, uint32_t* max_operation_bytes) {
+  std::vector<uint8_t> buf(teesim::wire::kMaxFrameSize);
+  teesim::FdList fds;
+  ssize_t n = teesim::recv_frame(fd, buf.data(), buf.size(), &fds, /*nonblocking=*/true);
+  /* A daemon that closed with our greeting unread leaves a reset pending,
+   * reported once before the frames it had sent. */
+  if (n == -ECONNRESET) n = teesim::recv_frame(fd, buf.data(), buf.size(), &fds, /*nonblocking=*/true);
+  if (n <= 0) {
+    *why = n == 0 || n == -EAGAIN ? "the daemon closed the connection"
+                                  : std::string("receive failed: ") + std::strerror(static_cast<int>(-n));
+    return TEEC_ERROR_COMMUNICATION;
+  }
+  teesim::wire::Frame f;
+  teesim::wire::Status st = teesim::wire::parse_frame(buf.data(), static_cast<size_t>(n), &f);
+  if (st == teesim::wire::Status::Ok && f.type == teesim::wire::MsgType::Refused) {
+    teesim::wire::Refused refused;
+    st = teesim::wire::decode(f, fds.count, &refused);
+    if (st == teesim::wire::Status::Ok) {
+      *why = "the daemon refused the connection: " + refused.reason;
+      return refused.result != TEEC_SUCCESS ? refused.result : TEEC_ERROR_COMMUNICATION;
+    }
+  } else if (st == teesim::wire::Status::Ok) {
+    teesim::wire::HelloReply reply;
+    st = teesim::wire::decode(f, fds.count, &reply);
+    if (st == teesim::wire::Status::Ok) {
+      *max_operation_bytes = reply.max_operation_bytes;
+      return TEEC_SUCCESS;
+    }
+  }
+  *why = std::string("bad greeting (") + teesim::wire::status_name(st) + ")";
+  return TEEC_ERROR_COMMUNICATION;
+}
+
 /* HELLO / HELLO_REPLY, bounded in time: something that accepts but never
- * answers is not a TEE daemon, and must not hang the caller. */
-bool greet(int fd, std::string* why) {
+ * answers is not a TEE daemon, and must not hang the caller. Returns
+ * TEEC_SUCCESS; the result of the daemon's refusal (TEEC_ERROR_BUSY when it
+ * has too many connections); or TEEC_ERROR_COMMUNICATION.
+ * Out: max_operation_bytes, the daemon's bound on one operation's memory
+ * references. */
+TEEC_Result greet(int fd, std::string* why, uint32_t* max_operation_bytes) {
   std::vector<uint8_t> frame;
   teesim::wire::Hello hello;
   hello.client_pid = static_cast<uint32_t>(::getpid());
-  if (teesim::wire::encode(frame, 1, hello) != teesim::wire::Status::Ok) return false;
+  if (teesim::wire::encode(frame, 1, hello) != teesim::wire::Status::Ok) return TEEC_ERROR_COMMUNICATION;
   int r = teesim::send_frame(fd, frame.data(), frame.size());
   if (r != 0) {
+    /* A daemon that turns us away may have closed before our greeting; its
+     * refusal is still there to read. */
+    std::string answer_why;
+    TEEC_Result refused = read_greeting_answer(fd, &answer_why, max_operation_bytes);
+    if (refused != TEEC_SUCCESS && refused != TEEC_ERROR_COMMUNICATION) {
+      *why = answer_why;
+      return refused;
+    }
     *why = std::string("greeting failed: ") + std::strerror(-r);
-    return false;
+    return TEEC_ERROR_COMMUNICATION;
   }
   pollfd p{fd, POLLIN, 0};
   int64_t deadline = now_ms() + kGreetingTimeoutMs;
@@ -226,56 +287,48 @@ bool greet(int fd, std::string* why) {
     int left = static_cast<int>(deadline - now_ms());
     if (left <= 0) {
       *why = "no answer to the greeting within " + std::to_string(kGreetingTimeoutMs / 1000) + " s";
-      return false;
+      return TEEC_ERROR_COMMUNICATION;
     }
     int pr = ::poll(&p, 1, left);
     if (pr > 0) break;
     if (pr < 0 && errno != EINTR) {
       *why = std::string("poll failed: ") + std::strerror(errno);
-      return false;
+      return TEEC_ERROR_COMMUNICATION;
     }
   }
-  std::vector<uint8_t> buf(teesim::wire::kMaxFrameSize);
-  teesim::FdList fds;
-  ssize_t n = teesim::recv_frame(fd, buf.data(), buf.size(), &fds);
-  if (n <= 0) {
-    *why = n == 0 ? "the daemon closed the connection" : std::string("receive failed: ") + std::strerror(static_cast<int>(-n));
-    return false;
-  }
-  teesim::wire::Frame f;
-  teesim::wire::HelloReply reply;
-  teesim::wire::Status st = teesim::wire::parse_frame(buf.data(), static_cast<size_t>(n), &f);
-  if (st == teesim::wire::Status::Ok) st = teesim::wire::decode(f, fds.count, &reply);
-  if (st != teesim::wire::Status::Ok) {
-    *why = std::string("bad greeting (") + teesim::wire::status_name(st) + ")";
-    return false;
-  }
-  return true;
+  return read_greeting_answer(fd, why, max_operation_bytes);
 }
 
 }  // namespace
 
-bool connect_service(UniqueFd* out, std::string* socket_path) {
+TEEC_Result connect_service(UniqueFd* out, uint32_t* max_operation_bytes, std::string* socket_path,
+                            std::string* why) {
   const char* chosen = ::secure_getenv("TEESIM_SOCKET");
-  if ((chosen != nullptr && chosen[0] != '\0') || ::geteuid() == 0) return false;
+  if ((chosen != nullptr && chosen[0] != '\0') || ::geteuid() == 0) return TEEC_ERROR_ITEM_NOT_FOUND;
   struct stat st{};
   uid_t service = 0;
   if (::lstat(kServiceSocket, &st) != 0 || !S_ISSOCK(st.st_mode) || !service_uid(&service) ||
       st.st_uid != service)
-    return false;
-  std::string why;
-  if (connect_daemon(kServiceSocket, /*may_start=*/false, out, &why) != TEEC_SUCCESS) {
-    /* Typically: not a member of the service's group. The user's own
-     * daemon serves instead. */
-    log::write(log::Level::Info, "not using the teesim service: %s", why.c_str());
-    return false;
+    return TEEC_ERROR_ITEM_NOT_FOUND;
+  TEEC_Result r = connect_daemon(kServiceSocket, /*may_start=*/false, out, max_operation_bytes, why);
+  if (r == TEEC_SUCCESS) {
+    *socket_path = kServiceSocket;
+    return TEEC_SUCCESS;
   }
-  *socket_path = kServiceSocket;
-  return true;
+  /* A service that is there but busy is this user's TEE all the same:
+   * serving the user from another one, with other storage, would be wrong. */
+  if (r == TEEC_ERROR_BUSY) {
+    *socket_path = kServiceSocket;
+    return r;
+  }
+  /* Typically: not a member of the service's group. The user's own daemon
+   * serves instead. */
+  log::write(log::Level::Info, "not using the teesim service: %s", why->c_str());
+  return TEEC_ERROR_ITEM_NOT_FOUND;
 }
 
 TEEC_Result connect_daemon(const std::string& socket_path, bool may_start, UniqueFd* out,
-                           std::string* why) {
+                           uint32_t* max_operation_bytes, std::string* why) {
   if (!socket_owner_ok(socket_path, why)) return TEEC_ERROR_COMMUNICATION;
   UniqueFd fd;
   int r = connect_socket(socket_path, &fd);
@@ -298,15 +351,25 @@ TEEC_Result connect_daemon(const std::string& socket_path, bool may_start, Uniqu
       ::usleep(10000);
     } while (now_ms() < deadline);
   }
+  if (r == -EAGAIN) {
+    *why = "the TEE daemon at " + socket_path + " took no connection within " +
+           std::to_string(kConnectTimeoutMs / 1000) + " s (its backlog stayed full)";
+    return TEEC_ERROR_BUSY;
+  }
   if (r != 0) {
     *why = "cannot connect to the TEE daemon at " + socket_path + ": " + std::strerror(-r);
     return TEEC_ERROR_COMMUNICATION;
   }
   if (!socket_owner_ok(socket_path, why)) return TEEC_ERROR_COMMUNICATION;
   std::string greet_why;
-  if (!greet(fd.get(), &greet_why)) {
+  TEEC_Result greeted = greet(fd.get(), &greet_why, max_operation_bytes);
+  if (greeted == TEEC_ERROR_COMMUNICATION) {
     *why = socket_path + " does not answer as a TEE daemon: " + greet_why;
-    return TEEC_ERROR_COMMUNICATION;
+    return greeted;
+  }
+  if (greeted != TEEC_SUCCESS) {
+    *why = socket_path + ": " + greet_why;
+    return greeted;
   }
   *out = std::move(fd);
   return TEEC_SUCCESS;

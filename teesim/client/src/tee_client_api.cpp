@@ -54,6 +54,9 @@ struct Context {
   std::mutex mu; /* one open-session exchange at a time; guards the sets */
   UniqueFd fd;
   std::string socket;
+  /* The daemon's bound on one operation's memory references, sizes added
+   * up: larger operations are refused here, before anything is copied. */
+  uint32_t max_operation_bytes = 0;
   uint32_t next_tag = 1;
   uint32_t next_shm_id = 1;
   std::set<Session*> sessions;
@@ -225,12 +228,47 @@ TEEC_Result carry_copy(Marshal* m, int i, uint32_t dir, uint8_t* mem, size_t siz
   return TEEC_SUCCESS;
 }
 
+/* The bytes of an operation's memory references, sizes added up, as the TA
+ * instance will copy them (parameters that are not valid count 0; marshal()
+ * refuses them). */
+uint64_t memref_bytes(const TEEC_Operation* op) {
+  uint64_t total = 0;
+  for (int i = 0; i < 4; ++i) {
+    const TEEC_Parameter& tp = op->params[i];
+    switch (TEEC_PARAM_TYPE_GET(op->paramTypes, i)) {
+      case TEEC_MEMREF_TEMP_INPUT:
+      case TEEC_MEMREF_TEMP_OUTPUT:
+      case TEEC_MEMREF_TEMP_INOUT:
+        total += tp.tmpref.size;
+        break;
+      case TEEC_MEMREF_WHOLE:
+        if (tp.memref.parent != nullptr) total += tp.memref.parent->size;
+        break;
+      case TEEC_MEMREF_PARTIAL_INPUT:
+      case TEEC_MEMREF_PARTIAL_OUTPUT:
+      case TEEC_MEMREF_PARTIAL_INOUT:
+        total += tp.memref.size;
+        break;
+      default:
+        break;
+    }
+  }
+  return total;
+}
+
 /* Turns an operation into wire parameters.
  * known: the shm ids the session's instance holds (null: none, at open). */
 TEEC_Result marshal(Context* ctx, const std::unordered_set<uint32_t>* known, TEEC_Operation* op,
                     Marshal* m) {
   if (op == nullptr) return TEEC_SUCCESS;
   if (op->paramTypes > 0xFFFFu) return TEEC_ERROR_BAD_PARAMETERS;
+  /* Refused before anything is copied: the instance would refuse it too. */
+  const uint64_t total = memref_bytes(op);
+  if (total > ctx->max_operation_bytes) {
+    log_error("an operation with %llu bytes of memory references, more than the %u the TEE takes",
+              static_cast<unsigned long long>(total), ctx->max_operation_bytes);
+    return TEEC_ERROR_EXCESS_DATA;
+  }
   for (int i = 0; i < 4; ++i) {
     const uint32_t t = TEEC_PARAM_TYPE_GET(op->paramTypes, i);
     TEEC_Parameter& tp = op->params[i];
@@ -435,11 +473,13 @@ TEEC_EXPORT TEEC_Result TEEC_InitializeContext(const char* name, TEEC_Context* c
   auto* ctx = new Context;
   std::string why;
   TEEC_Result r = TEEC_SUCCESS;
-  if (name == nullptr && connect_service(&ctx->fd, &socket)) {
-    ctx->socket = socket;
+  TEEC_Result service = name == nullptr ? connect_service(&ctx->fd, &ctx->max_operation_bytes, &socket, &why)
+                                         : TEEC_ERROR_ITEM_NOT_FOUND;
+  ctx->socket = socket;
+  if (service != TEEC_ERROR_ITEM_NOT_FOUND) {
+    r = service;
   } else {
-    ctx->socket = socket;
-    r = connect_daemon(socket, /*may_start=*/true, &ctx->fd, &why);
+    r = connect_daemon(socket, /*may_start=*/true, &ctx->fd, &ctx->max_operation_bytes, &why);
   }
   if (r != TEEC_SUCCESS) {
     log_error("TEEC_InitializeContext: %s", why.c_str());

@@ -386,7 +386,16 @@ Status decode(const Frame& f, size_t nfds, HelloReply* m) {
   if (!type_is<HelloReply>(f)) return Status::WrongType;
   Reader r(f.body, f.body_len);
   m->daemon_pid = r.u32();
-  m->max_shm_size = r.u32();
+  m->max_operation_bytes = r.u32();
+  return end(r, nfds, 0);
+}
+
+Status decode(const Frame& f, size_t nfds, Refused* m) {
+  if (!type_is<Refused>(f)) return Status::WrongType;
+  Reader r(f.body, f.body_len);
+  m->result = r.u32();
+  if (!r.ok()) return Status::Truncated;
+  if (!read_string(r, &m->reason)) return Status::Truncated;
   return end(r, nfds, 0);
 }
 
@@ -465,6 +474,8 @@ Status decode(const Frame& f, size_t nfds, HostInit* m) {
   m->log_level = r.u32();
   m->log_flags = r.u32();
   m->random_mode = r.u32();
+  m->max_operation_bytes = r.u32();
+  m->max_session_shm_bytes = r.u32();
   r.take(m->storage_key.data(), kKeySize);
   r.take(m->name_key.data(), kKeySize);
   r.take(m->random_key.data(), kKeySize);
@@ -535,7 +546,19 @@ Status encode(std::vector<uint8_t>& out, uint32_t tag, const HelloReply& m) {
   Writer w(out);
   begin(w, HelloReply::kType, tag);
   w.u32(m.daemon_pid);
-  w.u32(m.max_shm_size);
+  w.u32(m.max_operation_bytes);
+  return finish(w, out, Status::Ok);
+}
+
+Status encode(std::vector<uint8_t>& out, uint32_t tag, const Refused& m) {
+  if (m.reason.size() > kMaxString) {
+    out.clear();
+    return Status::TooLarge;
+  }
+  Writer w(out);
+  begin(w, Refused::kType, tag);
+  w.u32(m.result);
+  write_string(w, m.reason);
   return finish(w, out, Status::Ok);
 }
 
@@ -604,6 +627,8 @@ Status encode(std::vector<uint8_t>& out, uint32_t tag, const HostInit& m) {
   w.u32(m.log_level);
   w.u32(m.log_flags);
   w.u32(m.random_mode);
+  w.u32(m.max_operation_bytes);
+  w.u32(m.max_session_shm_bytes);
   w.raw(m.storage_key.data(), kKeySize);
   w.raw(m.name_key.data(), kKeySize);
   w.raw(m.random_key.data(), kKeySize);

@@ -90,10 +90,23 @@ TEST(Wire, HelloAndReplyRoundTrip) {
   EXPECT_EQ(round_trip(h, 0).msg.client_pid, 4242u);
   HelloReply r;
   r.daemon_pid = 17;
-  r.max_shm_size = kMaxShmSize;
+  r.max_operation_bytes = kMaxShmSize;
   HelloReply r2 = round_trip(r, 0).msg;
   EXPECT_EQ(r2.daemon_pid, 17u);
-  EXPECT_EQ(r2.max_shm_size, kMaxShmSize);
+  EXPECT_EQ(r2.max_operation_bytes, kMaxShmSize);
+}
+
+TEST(Wire, RefusedRoundTripsAndBoundsItsReason) {
+  Refused m;
+  m.result = 0xFFFF000Du;
+  m.reason = "too many connections";
+  Refused back = round_trip(m, 0).msg;
+  EXPECT_EQ(back.result, m.result);
+  EXPECT_EQ(back.reason, m.reason);
+  m.reason.assign(kMaxString + 1, 'x');
+  std::vector<uint8_t> frame;
+  EXPECT_EQ(encode(frame, 1, m), Status::TooLarge);
+  EXPECT_TRUE(frame.empty());
 }
 
 TEST(Wire, OpenSessionRoundTripsEveryCarrier) {
@@ -239,6 +252,8 @@ TEST(Wire, HostInitRoundTripsKeysAndPaths) {
   m.log_level = 2;
   m.log_flags = 1;
   m.random_mode = 1;
+  m.max_operation_bytes = 0x01020304;
+  m.max_session_shm_bytes = 0xA0B0C0D0;
   for (size_t i = 0; i < kKeySize; ++i) {
     m.storage_key[i] = static_cast<uint8_t>(i);
     m.name_key[i] = static_cast<uint8_t>(0x80 + i);
@@ -252,6 +267,8 @@ TEST(Wire, HostInitRoundTripsKeysAndPaths) {
   EXPECT_EQ(out.log_level, 2u);
   EXPECT_EQ(out.log_flags, 1u);
   EXPECT_EQ(out.random_mode, 1u);
+  EXPECT_EQ(out.max_operation_bytes, 0x01020304u);
+  EXPECT_EQ(out.max_session_shm_bytes, 0xA0B0C0D0u);
   EXPECT_EQ(out.storage_key, m.storage_key);
   EXPECT_EQ(out.name_key, m.name_key);
   EXPECT_EQ(out.random_key, m.random_key);
@@ -479,7 +496,7 @@ TEST(Wire, StringsAndFlagsOutOfRangeAreRefused) {
   m.random_mode = 0;
   ASSERT_EQ(encode(frame, 0, m), Status::Ok);
   /* string length field claiming more than the limit */
-  size_t len_at = kHeaderSize + 16 + 16 + 3 * kKeySize;
+  size_t len_at = kHeaderSize + 16 + 16 + 8 + 3 * kKeySize; /* uuid, 4 u32, 2 limits, keys */
   set_u32(frame, len_at, kMaxString + 1);
   Frame f;
   ASSERT_EQ(parse_frame(frame.data(), frame.size(), &f), Status::Ok);

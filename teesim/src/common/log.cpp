@@ -100,6 +100,47 @@ void vwrite(Level lvl, const char* fmt, va_list ap) {
   errno = saved_errno;
 }
 
+bool RateLimit::admit(int64_t now_ms, uint64_t* held_back) {
+  std::lock_guard<std::mutex> lock(mu_);
+  if (!started_ || now_ms - window_start_ >= interval_ms_) {
+    started_ = true;
+    window_start_ = now_ms;
+    in_window_ = 0;
+  }
+  if (in_window_ >= burst_) {
+    ++held_back_;
+    return false;
+  }
+  ++in_window_;
+  *held_back = held_back_;
+  held_back_ = 0;
+  return true;
+}
+
+void write_limited(RateLimit& limit, Level lvl, const char* fmt, ...) {
+  if (static_cast<int>(lvl) > g_level.load()) return;
+  int saved_errno = errno;
+  timespec ts{};
+  ::clock_gettime(CLOCK_MONOTONIC, &ts);
+  uint64_t held_back = 0;
+  if (!limit.admit(int64_t{ts.tv_sec} * 1000 + ts.tv_nsec / 1000000, &held_back)) {
+    errno = saved_errno;
+    return;
+  }
+  char msg[2048];
+  va_list ap;
+  va_start(ap, fmt);
+  int n = std::vsnprintf(msg, sizeof msg, fmt, ap);
+  va_end(ap);
+  errno = saved_errno;
+  if (n < 0) return;
+  if (held_back == 0) {
+    write(lvl, "%s", msg);
+  } else {
+    write(lvl, "%s; %llu similar line(s) held back", msg, static_cast<unsigned long long>(held_back));
+  }
+}
+
 void write(Level lvl, const char* fmt, ...) {
   va_list ap;
   va_start(ap, fmt);

@@ -1,10 +1,12 @@
 /* The daemon's event loop: clients, TA instances and the sessions between them. */
 #include "daemon/daemon.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -22,6 +24,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "daemon/child_watch.h"
 #include "daemon/identity.h"
 #include "daemon/keys.h"
 #include "runtime/runtime.h"
@@ -39,6 +42,13 @@ namespace {
 constexpr int kMaxPendingOpensPerClient = 16;
 constexpr size_t kMaxQueuedFramesPerClient = 64;
 constexpr int kShutdownGraceMs = 3000;
+/* Connections taken (or turned away) per wake-up, so a crowd at the door
+ * cannot starve the clients already served. */
+constexpr int kAcceptBudget = 64;
+/* Out of descriptors with no spare one: the listener rests this long at
+ * first, twice as long each time after, up to the maximum. */
+constexpr int kListenerRestMinMs = 10;
+constexpr int kListenerRestMaxMs = 1000;
 
 /* A frame waiting to be sent, with the descriptors it carries. */
 struct OutFrame {
@@ -72,6 +82,24 @@ struct Client : Conn {
   int pending_opens = 0;
 };
 
+/* Which file a TA is, as it was when looked at: a rebuilt or reinstalled
+ * TA is a new file (another inode), or the same one rewritten (another
+ * modification time or size). */
+struct TaFile {
+  dev_t dev = 0;
+  ino_t ino = 0;
+  int64_t mtime_ns = 0;
+  off_t size = 0;
+  static TaFile of(const struct stat& st) {
+    return TaFile{st.st_dev, st.st_ino, int64_t{st.st_mtim.tv_sec} * 1000000000 + st.st_mtim.tv_nsec,
+                  st.st_size};
+  }
+  bool operator==(const TaFile& o) const {
+    return dev == o.dev && ino == o.ino && mtime_ns == o.mtime_ns && size == o.size;
+  }
+  bool operator!=(const TaFile& o) const { return !(*this == o); }
+};
+
 /* An open request on its way to a TA instance. Its frame may carry memref
  * bytes of the client, so it is wiped when dropped undelivered. */
 struct PendingOpen {
@@ -83,6 +111,7 @@ struct PendingOpen {
   uint64_t client_id = 0;
   uint32_t tag = 0;
   Uuid ta;
+  TaFile ta_file;                 /* the TA's file when the open arrived */
   std::vector<uint8_t> host_open; /* the HOST_OPEN frame, encoded on arrival */
   std::vector<UniqueFd> shm_fds;
   UniqueFd client_end;            /* set once dispatched */
@@ -93,8 +122,11 @@ struct Instance : Conn {
   Instance() : Conn(Kind::Instance) {}
   enum class State { Starting, Ready, Retiring } state = State::Starting;
   Uuid ta;
+  TaFile ta_file; /* the file it was started from; new opens of another go elsewhere */
+  bool outdated = false; /* its file was replaced: it serves only its own sessions */
   std::string ta_text;
   pid_t pid = 0;
+  ChildWatch watch; /* is the process still running? */
   uint32_t instance_no = 0;
   uint32_t flags = 0;
   std::string name;
@@ -123,26 +155,17 @@ std::string describe_status(int status) {
   return "ended";
 }
 
-/* True when `pid` is exiting or gone: its leader carries PF_EXITING from
- * the start of its exit (see the flags field of proc(5)), or it is a zombie,
- * or it no longer exists. */
-bool process_exiting(pid_t pid) {
-  char path[64];
-  std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
-  UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC));
-  if (!fd) return true;
-  char buf[512];
-  ssize_t n = ::read(fd.get(), buf, sizeof buf - 1);
-  if (n <= 0) return true;
-  buf[n] = '\0';
-  const char* p = std::strrchr(buf, ')'); /* the command name may hold anything */
-  if (p == nullptr) return false;
-  char state = 0;
-  unsigned long flags = 0;
-  /* after ")": state ppid pgrp session tty_nr tpgid flags */
-  if (std::sscanf(p + 1, " %c %*d %*d %*d %*d %*d %lu", &state, &flags) != 2) return false;
-  constexpr unsigned long kPfExiting = 0x4;
-  return state == 'Z' || state == 'X' || (flags & kPfExiting) != 0;
+/* The descriptors this process holds, or -1 when it cannot tell (reading
+ * the list takes a descriptor of its own, which is not counted). */
+int open_descriptors() {
+  DIR* dir = ::opendir("/proc/self/fd");
+  if (dir == nullptr) return -1;
+  int n = 0;
+  while (dirent* e = ::readdir(dir)) {
+    if (e->d_name[0] != '.') ++n;
+  }
+  ::closedir(dir);
+  return n - 1;
 }
 
 int64_t now_ms() {
@@ -165,6 +188,12 @@ class Daemon {
 
   bool setup();
   void on_listener();
+  void admit(UniqueFd fd);
+  void shed(int err);
+  void refuse(UniqueFd fd, uint32_t result, const std::string& reason);
+  void shortage_over();
+  void rest_listener();
+  void wake_listener();
   void on_signal();
   void on_conn(uint64_t id, uint32_t events);
   void read_frames(Conn& c);
@@ -172,8 +201,13 @@ class Daemon {
   void on_instance_frame(Instance& in, const wire::Frame& f, FdList& fds);
   void open_session(Client& c, const wire::Frame& f, FdList& fds);
   void route(PendingOpen p);
+  /* Each open handed to an instance is answered exactly once: by the
+   * instance, or with TEE_ERROR_TARGET_DEAD when it dies first (at once when
+   * it is dead already). enqueue: to wait until the instance is ready;
+   * dispatch: sent now. */
+  void enqueue(Instance& in, PendingOpen p);
   void dispatch(Instance& in, PendingOpen p);
-  Instance* spawn(const Uuid& ta);
+  Instance* spawn(const Uuid& ta, const TaFile& file);
   void on_init_reply(Instance& in, const wire::HostInitReply& r);
   void on_open_reply(Instance& in, uint32_t tag, const wire::HostOpenReply& r);
   void maybe_retire(Instance& in);
@@ -204,6 +238,19 @@ class Daemon {
   std::map<Uuid, uint32_t> instance_counts_;
   std::map<uint32_t, PendingOpen> dispatched_;
   std::map<pid_t, ChildRecord> children_;
+  int clients_ = 0; /* client connections now */
+  std::map<uid_t, unsigned> clients_by_uid_;
+  /* Kept open to be closed when descriptors run out: the room to accept a
+   * waiting client and tell it why it is turned away. */
+  UniqueFd spare_;
+  /* A descriptor shortage under way: since when, how many turned away. */
+  bool short_of_fds_ = false;
+  int64_t shortage_since_ = 0;
+  uint64_t turned_away_ = 0;
+  /* The listener's rest (out of descriptors and no spare): until when, and
+   * how long the next one lasts. 0: listening. */
+  int64_t listener_rests_until_ = 0;
+  int listener_rest_ms_ = kListenerRestMinMs;
   bool stopping_ = false;
 };
 
@@ -219,7 +266,21 @@ Instance* Daemon::instance(uint64_t id) {
   return static_cast<Instance*>(it->second.get());
 }
 
+/* Every client connection and TA instance costs a descriptor: take all the
+ * system allows this process. */
+void raise_descriptor_limit() {
+  rlimit rl{};
+  if (::getrlimit(RLIMIT_NOFILE, &rl) != 0 || rl.rlim_cur >= rl.rlim_max) return;
+  rlim_t was = rl.rlim_cur;
+  rl.rlim_cur = rl.rlim_max;
+  if (::setrlimit(RLIMIT_NOFILE, &rl) == 0)
+    TS_LOG_DEBUG("descriptor limit raised from %llu to %llu", static_cast<unsigned long long>(was),
+                 static_cast<unsigned long long>(rl.rlim_cur));
+}
+
 bool Daemon::setup() {
+  raise_descriptor_limit();
+  spare_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
   epoll_.reset(::epoll_create1(EPOLL_CLOEXEC));
   if (!epoll_) return false;
   sigset_t set;
@@ -260,6 +321,14 @@ int Daemon::run() {
       }
       timeout = static_cast<int>(std::max<int64_t>(0, std::min<int64_t>(left, 100)));
     }
+    if (listener_rests_until_ != 0) {
+      int64_t left = listener_rests_until_ - now_ms();
+      if (left <= 0) {
+        wake_listener();
+      } else if (timeout < 0 || left < timeout) {
+        timeout = static_cast<int>(left);
+      }
+    }
     int n = ::epoll_wait(epoll_.get(), events, 32, timeout);
     if (n < 0) {
       if (errno == EINTR) continue;
@@ -285,27 +354,124 @@ int Daemon::run() {
 }
 
 void Daemon::on_listener() {
-  for (;;) {
+  for (int budget = 0; budget < kAcceptBudget && listener_; ++budget) {
     int fd = ::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (fd < 0) {
-      if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) return;
-      TS_LOG_WARN("accept failed: %s", std::strerror(errno));
-      return;
-    }
-    auto c = std::make_unique<Client>();
-    c->id = next_conn_id_++;
-    c->fd.reset(fd);
-    if (!read_peer_credentials(fd, &c->creds)) {
-      TS_LOG_WARN("a client without credentials was turned away");
+    if (fd >= 0) {
+      if (short_of_fds_) shortage_over();
+      admit(UniqueFd(fd));
       continue;
     }
-    epoll_event ev{};
-    ev.events = EPOLLIN | EPOLLRDHUP;
-    ev.data.u64 = c->id;
-    if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &ev) != 0) continue;
-    TS_LOG_DEBUG("client pid %d (uid %u) connected", static_cast<int>(c->creds.pid), c->creds.uid);
-    conns_[c->id] = std::move(c);
+    const int err = errno;
+    if (err == EINTR || err == ECONNABORTED) continue;
+    if (err == EAGAIN) return;
+    if (err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM) {
+      shed(err);
+    } else {
+      /* Whatever it is, retrying at once would only spin. */
+      TS_LOG_WARN_LIMITED("accept failed: %s; pausing new connections", std::strerror(err));
+      rest_listener();
+    }
+    return;
   }
+}
+
+void Daemon::admit(UniqueFd fd) {
+  auto c = std::make_unique<Client>();
+  if (!read_peer_credentials(fd.get(), &c->creds)) {
+    TS_LOG_WARN_LIMITED("a client without credentials was turned away");
+    return;
+  }
+  unsigned& of_user = clients_by_uid_[c->creds.uid];
+  if (of_user >= settings_.max_clients_per_user) {
+    TS_LOG_WARN_LIMITED("user %u already holds %u connections, the most allowed "
+                        "(--max-clients-per-user); turning client pid %d away",
+                        c->creds.uid, of_user, static_cast<int>(c->creds.pid));
+    refuse(std::move(fd), TEE_ERROR_BUSY,
+           "this user already holds " + std::to_string(of_user) +
+               " connections to the TEE daemon, the most it allows");
+    return;
+  }
+  c->id = next_conn_id_++;
+  epoll_event ev{};
+  ev.events = EPOLLIN | EPOLLRDHUP;
+  ev.data.u64 = c->id;
+  if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd.get(), &ev) != 0) {
+    refuse(std::move(fd), TEE_ERROR_BUSY, "the TEE daemon cannot take more connections now");
+    return;
+  }
+  c->fd = std::move(fd);
+  ++of_user;
+  TS_LOG_DEBUG("client pid %d (uid %u) connected", static_cast<int>(c->creds.pid), c->creds.uid);
+  conns_[c->id] = std::move(c);
+  ++clients_;
+}
+
+/* Tells a connection why it is not served, then closes it. The frame is
+ * small and the connection fresh, so the send does not block. */
+void Daemon::refuse(UniqueFd fd, uint32_t result, const std::string& reason) {
+  wire::Refused msg;
+  msg.result = result;
+  msg.reason = reason;
+  std::vector<uint8_t> frame;
+  if (wire::encode(frame, 0, msg) == wire::Status::Ok)
+    (void)send_frame(fd.get(), frame.data(), frame.size(), nullptr, 0, /*nonblocking=*/true);
+}
+
+/* Out of descriptors with clients waiting: each is accepted on the spare
+ * descriptor, told it is turned away, and closed, so none waits in the
+ * backlog and the listener stops waking the loop. Without a spare (another
+ * process took the system's last file), the listener rests instead. */
+void Daemon::shed(int err) {
+  if (!short_of_fds_) {
+    short_of_fds_ = true;
+    shortage_since_ = now_ms();
+    turned_away_ = 0;
+    TS_LOG_WARN("out of descriptors (%s) with %d clients connected: turning new clients away "
+                "until some leave",
+                std::strerror(err), clients_);
+  }
+  for (int budget = 0; budget < kAcceptBudget && spare_; ++budget) {
+    spare_.reset();
+    int fd = ::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    const int accept_err = errno;
+    if (fd >= 0) {
+      ++turned_away_;
+      refuse(UniqueFd(fd), TEE_ERROR_BUSY, "the TEE daemon is out of descriptors; try again later");
+    }
+    spare_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    if (fd < 0 && (accept_err == EAGAIN || accept_err == EINTR || accept_err == ECONNABORTED)) return;
+    if (fd < 0) break;
+  }
+  if (!spare_) rest_listener();
+}
+
+void Daemon::shortage_over() {
+  short_of_fds_ = false;
+  listener_rest_ms_ = kListenerRestMinMs;
+  TS_LOG_INFO("descriptors available again after %lld ms; %llu client connection(s) were turned away",
+              static_cast<long long>(now_ms() - shortage_since_),
+              static_cast<unsigned long long>(turned_away_));
+}
+
+void Daemon::rest_listener() {
+  if (listener_rests_until_ != 0 || !listener_) return;
+  ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, listener_.get(), nullptr);
+  listener_rests_until_ = now_ms() + listener_rest_ms_;
+  listener_rest_ms_ = std::min(listener_rest_ms_ * 2, kListenerRestMaxMs);
+}
+
+void Daemon::wake_listener() {
+  listener_rests_until_ = 0;
+  if (!spare_) spare_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  if (!listener_) return;
+  epoll_event ev{};
+  ev.events = EPOLLIN;
+  ev.data.u64 = kListenerKey;
+  if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, listener_.get(), &ev) != 0) {
+    rest_listener();
+    return;
+  }
+  on_listener(); /* whoever waits is taken (or turned away) now */
 }
 
 void Daemon::on_signal() {
@@ -332,9 +498,13 @@ void Daemon::reap() {
     if (normal && rec.retiring) {
       TS_LOG_DEBUG("%s ended", rec.label.c_str());
     } else if (normal) {
-      TS_LOG_INFO("%s ended", rec.label.c_str());
+      TS_LOG_INFO_LIMITED("%s ended", rec.label.c_str());
     } else {
-      TS_LOG_WARN("%s %s", rec.label.c_str(), describe_status(status).c_str());
+      /* Clients can make TAs crash as often as they like; yet each end is
+       * worth its line while it is not a flood. */
+      static log::RateLimit ends(30, 10000);
+      log::write_limited(ends, log::Level::Warn, "%s %s", rec.label.c_str(),
+                         describe_status(status).c_str());
     }
     children_.erase(it);
   }
@@ -344,6 +514,7 @@ void Daemon::shutdown() {
   stopping_ = true;
   ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, listener_.get(), nullptr);
   listener_.reset();
+  listener_rests_until_ = 0;
   for (auto& [id, c] : conns_) {
     if (c->dead) continue;
     if (c->kind == Conn::Kind::Client) {
@@ -383,7 +554,7 @@ void Daemon::read_frames(Conn& c) {
     wire::Frame frame;
     wire::Status st = wire::parse_frame(buf_.data(), static_cast<size_t>(n), &frame);
     if (st != wire::Status::Ok) {
-      TS_LOG_WARN("malformed frame (%s)", wire::status_name(st));
+      TS_LOG_WARN_LIMITED("malformed frame (%s)", wire::status_name(st));
       drop(c, "sent a malformed frame");
       return;
     }
@@ -407,7 +578,7 @@ void Daemon::on_client_frame(Client& c, const wire::Frame& f, FdList& fds) {
     c.greeted = true;
     wire::HelloReply reply;
     reply.daemon_pid = static_cast<uint32_t>(::getpid());
-    reply.max_shm_size = wire::kMaxShmSize;
+    reply.max_operation_bytes = settings_.max_operation_bytes;
     send(c, f.tag, reply);
     return;
   }
@@ -422,7 +593,7 @@ void Daemon::open_session(Client& c, const wire::Frame& f, FdList& fds) {
   wire::OpenSession msg;
   wire::Status st = wire::decode(f, fds.count, &msg);
   if (st != wire::Status::Ok) {
-    TS_LOG_WARN("client pid %d: bad open-session request (%s)", static_cast<int>(c.creds.pid),
+    TS_LOG_WARN_LIMITED("client pid %d: bad open-session request (%s)", static_cast<int>(c.creds.pid),
                 wire::status_name(st));
     drop(c, "sent a malformed frame");
     return;
@@ -437,7 +608,7 @@ void Daemon::open_session(Client& c, const wire::Frame& f, FdList& fds) {
   Uuid identity;
   uint32_t r = client_identity(msg.login, msg.has_group, msg.group, c.creds, &identity);
   if (r != TEE_SUCCESS) {
-    TS_LOG_INFO("client pid %d: login 0x%x refused (0x%08x)", static_cast<int>(c.creds.pid),
+    TS_LOG_INFO_LIMITED("client pid %d: login 0x%x refused (0x%08x)", static_cast<int>(c.creds.pid),
                 static_cast<uint32_t>(msg.login), r);
     return refuse(r);
   }
@@ -445,7 +616,7 @@ void Daemon::open_session(Client& c, const wire::Frame& f, FdList& fds) {
   const std::string path = settings_.ta_dir + "/" + ta_text + ".ta";
   struct stat sb{};
   if (::stat(path.c_str(), &sb) != 0 || !S_ISREG(sb.st_mode)) {
-    TS_LOG_INFO("client pid %d asked for TA %s, which is not installed in %s",
+    TS_LOG_INFO_LIMITED("client pid %d asked for TA %s, which is not installed in %s",
                 static_cast<int>(c.creds.pid), ta_text.c_str(), settings_.ta_dir.c_str());
     return refuse(TEE_ERROR_ITEM_NOT_FOUND);
   }
@@ -456,6 +627,7 @@ void Daemon::open_session(Client& c, const wire::Frame& f, FdList& fds) {
   p.client_id = c.id;
   p.tag = f.tag;
   p.ta = msg.ta;
+  p.ta_file = TaFile::of(sb);
   wire::HostOpen host_open;
   host_open.session_id = p.session_id;
   host_open.login = msg.login;
@@ -478,18 +650,28 @@ void Daemon::route(PendingOpen p) {
     for (auto it = range.first; it != range.second; ++it) candidates.push_back(it->second);
     for (uint64_t id : candidates) {
       Instance* in = instance(id);
-      if (in == nullptr || in->dead) continue;
+      if (in == nullptr || in->dead || in->outdated) continue;
+      /* A TA rebuilt since this instance started: new sessions get the TA
+       * as its file is now; this instance finishes the sessions it has. */
+      if (in->ta_file != p.ta_file) {
+        TS_LOG_INFO_LIMITED("TA %s has changed on disk; instance %u (pid %d) keeps only its sessions",
+                            in->ta_text.c_str(), in->instance_no, static_cast<int>(in->pid));
+        in->outdated = true;
+        maybe_retire(*in);
+        continue;
+      }
       /* A client may learn of an instance's death (its session channel
        * broke) before this loop has read the end of the control channel -
        * or before the dying process has even released it. Only a process
        * whose threads are all exiting can have closed a session channel,
-       * so that state, or the channel's end, settles it. */
-      if (peer_gone(in->fd.get()) || process_exiting(in->pid)) {
+       * so that state, or the channel's end, settles it. The watch needs no
+       * new descriptor: a shortage never passes for a death. */
+      if (peer_gone(in->fd.get()) || in->watch.state() != ChildWatch::State::Running) {
         drop(*in, nullptr);
         continue;
       }
       if (in->state == Instance::State::Starting) {
-        in->queued.push_back(std::move(p));
+        enqueue(*in, std::move(p));
         return;
       }
       if (in->state == Instance::State::Ready && (in->flags & TEESIM_TA_FLAG_SINGLE_INSTANCE)) {
@@ -498,18 +680,18 @@ void Daemon::route(PendingOpen p) {
       }
     }
   }
-  Instance* in = spawn(p.ta);
+  Instance* in = spawn(p.ta, p.ta_file);
   if (in == nullptr) {
     answer_open(p.client_id, p.tag, TEE_ERROR_GENERIC, wire::Origin::Tee, 0, nullptr, UniqueFd());
     return;
   }
-  in->queued.push_back(std::move(p));
+  enqueue(*in, std::move(p)); /* it may have died already, as it started */
 }
 
-Instance* Daemon::spawn(const Uuid& ta) {
+Instance* Daemon::spawn(const Uuid& ta, const TaFile& file) {
   UniqueFd mine, theirs;
   if (make_channel(&mine, &theirs) != 0) {
-    TS_LOG_ERROR("cannot make a control channel: %s", std::strerror(errno));
+    TS_LOG_ERROR_LIMITED("cannot make a control channel: %s", std::strerror(errno));
     return nullptr;
   }
   /* The child finds its channel on descriptor 3; a channel already there
@@ -545,7 +727,7 @@ Instance* Daemon::spawn(const Uuid& ta) {
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attr);
   if (err != 0) {
-    TS_LOG_ERROR("cannot start %s: %s", argv[0], std::strerror(err));
+    TS_LOG_ERROR_LIMITED("cannot start %s: %s", argv[0], std::strerror(err));
     return nullptr;
   }
   theirs.reset();
@@ -554,8 +736,10 @@ Instance* Daemon::spawn(const Uuid& ta) {
   in->id = next_conn_id_++;
   in->fd = std::move(mine);
   in->ta = ta;
+  in->ta_file = file;
   in->ta_text = ta_text;
   in->pid = pid;
+  in->watch = ChildWatch(pid);
   in->instance_no = instance_no;
   children_[pid].label = "TA " + ta_text + " instance " + std::to_string(instance_no) + " (pid " +
                          std::to_string(pid) + ")";
@@ -569,6 +753,8 @@ Instance* Daemon::spawn(const Uuid& ta) {
   init.instance_no = instance_no;
   init.log_level = static_cast<uint32_t>(settings_.log_level);
   init.log_flags = settings_.syslog ? 1 : 0;
+  init.max_operation_bytes = settings_.max_operation_bytes;
+  init.max_session_shm_bytes = settings_.max_session_shm_bytes;
   init.ta_path = settings_.ta_dir + "/" + ta_text + ".ta";
   init.storage_dir = settings_.storage_dir;
   TaKeys keys;
@@ -599,28 +785,39 @@ Instance* Daemon::spawn(const Uuid& ta) {
   return raw;
 }
 
+void Daemon::enqueue(Instance& in, PendingOpen p) {
+  if (in.dead) {
+    answer_open(p.client_id, p.tag, TEE_ERROR_TARGET_DEAD, wire::Origin::Tee, 0, nullptr, UniqueFd());
+    return;
+  }
+  in.queued.push_back(std::move(p));
+}
+
 void Daemon::dispatch(Instance& in, PendingOpen p) {
+  if (in.dead) {
+    answer_open(p.client_id, p.tag, TEE_ERROR_TARGET_DEAD, wire::Origin::Tee, 0, nullptr, UniqueFd());
+    return;
+  }
   UniqueFd client_end, host_end;
   if (make_stream_channel(&client_end, &host_end) != 0) {
-    TS_LOG_ERROR("cannot make a session channel: %s", std::strerror(errno));
+    TS_LOG_ERROR_LIMITED("cannot make a session channel: %s", std::strerror(errno));
     answer_open(p.client_id, p.tag, TEE_ERROR_OUT_OF_MEMORY, wire::Origin::Tee, 0, nullptr, UniqueFd());
     return;
   }
-  std::vector<UniqueFd> fds;
-  fds.push_back(std::move(host_end));
-  for (UniqueFd& f : p.shm_fds) fds.push_back(std::move(f));
-  p.shm_fds.clear();
   OutFrame frame;
   frame.bytes = std::move(p.host_open);
   frame.secret = true; /* memref bytes of the client's open */
-  frame.fds = std::move(fds);
-  in.out.push_back(std::move(frame));
-  flush(in);
+  frame.fds.push_back(std::move(host_end));
+  for (UniqueFd& f : p.shm_fds) frame.fds.push_back(std::move(f));
+  p.shm_fds.clear();
+  /* Recorded before it is sent: a send that finds the instance dead drops
+   * it, and dropping an instance answers every open recorded against it. */
   ++in.dispatched;
   p.client_end = std::move(client_end);
   p.instance_id = in.id;
-  uint32_t sid = p.session_id;
-  dispatched_[sid] = std::move(p);
+  dispatched_[p.session_id] = std::move(p);
+  in.out.push_back(std::move(frame));
+  flush(in);
 }
 
 void Daemon::on_instance_frame(Instance& in, const wire::Frame& f, FdList& fds) {
@@ -648,14 +845,14 @@ void Daemon::on_instance_frame(Instance& in, const wire::Frame& f, FdList& fds) 
     default:
       break;
   }
-  TS_LOG_ERROR("TA %s instance %u broke the protocol; stopping it", in.ta_text.c_str(), in.instance_no);
+  TS_LOG_ERROR_LIMITED("TA %s instance %u broke the protocol; stopping it", in.ta_text.c_str(), in.instance_no);
   ::kill(in.pid, SIGKILL);
   drop(in, nullptr);
 }
 
 void Daemon::on_init_reply(Instance& in, const wire::HostInitReply& r) {
   if (r.result != TEE_SUCCESS) {
-    TS_LOG_ERROR("cannot start TA %s: %s", in.ta_text.c_str(), r.error.c_str());
+    TS_LOG_ERROR_LIMITED("cannot start TA %s: %s", in.ta_text.c_str(), r.error.c_str());
     in.state = Instance::State::Retiring;
     children_[in.pid].retiring = true;
     std::deque<PendingOpen> queued = std::move(in.queued);
@@ -670,7 +867,7 @@ void Daemon::on_init_reply(Instance& in, const wire::HostInitReply& r) {
   known_flags_[in.ta] = r.ta_flags;
   children_[in.pid].label = "TA " + in.name + " (" + in.ta_text + ") instance " +
                             std::to_string(in.instance_no) + " (pid " + std::to_string(in.pid) + ")";
-  TS_LOG_INFO("started TA %s (%s) instance %u, pid %d", in.name.c_str(), in.ta_text.c_str(),
+  TS_LOG_INFO_LIMITED("started TA %s (%s) instance %u, pid %d", in.name.c_str(), in.ta_text.c_str(),
               in.instance_no, static_cast<int>(in.pid));
   if (settings_.deterministic_random)
     TS_LOG_WARN("TA %s instance %u draws DETERMINISTIC random numbers (--random-seed)",
@@ -692,7 +889,7 @@ void Daemon::on_init_reply(Instance& in, const wire::HostInitReply& r) {
 void Daemon::on_open_reply(Instance& in, uint32_t, const wire::HostOpenReply& r) {
   auto it = dispatched_.find(r.session_id);
   if (it == dispatched_.end() || it->second.instance_id != in.id) {
-    TS_LOG_ERROR("TA %s answered an unknown session %u", in.ta_text.c_str(), r.session_id);
+    TS_LOG_ERROR_LIMITED("TA %s answered an unknown session %u", in.ta_text.c_str(), r.session_id);
     return;
   }
   PendingOpen p = std::move(it->second);
@@ -727,7 +924,7 @@ void Daemon::maybe_retire(Instance& in) {
   if (in.state != Instance::State::Ready || in.dead) return;
   if (in.sessions > 0 || in.dispatched > 0 || !in.queued.empty()) return;
   const uint32_t keep = TEESIM_TA_FLAG_SINGLE_INSTANCE | TEESIM_TA_FLAG_KEEP_ALIVE;
-  if ((in.flags & keep) == keep && !stopping_) return;
+  if ((in.flags & keep) == keep && !stopping_ && !in.outdated) return;
   in.state = Instance::State::Retiring;
   children_[in.pid].retiring = true;
   send(in, 0, wire::HostDestroy{});
@@ -783,13 +980,20 @@ void Daemon::drop(Conn& c, const char* why) {
   if (c.dead) return;
   c.dead = true;
   ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, c.fd.get(), nullptr);
+  c.fd.reset(); /* at once: the descriptor may be short */
   if (c.kind == Conn::Kind::Client) {
     auto& cl = static_cast<Client&>(c);
     if (why != nullptr) {
-      TS_LOG_WARN("client pid %d %s; closing its connection", static_cast<int>(cl.creds.pid), why);
+      TS_LOG_WARN_LIMITED("client pid %d %s; closing its connection", static_cast<int>(cl.creds.pid), why);
     } else {
       TS_LOG_DEBUG("client pid %d disconnected", static_cast<int>(cl.creds.pid));
     }
+    auto of_user = clients_by_uid_.find(cl.creds.uid);
+    if (of_user != clients_by_uid_.end() && --of_user->second == 0) clients_by_uid_.erase(of_user);
+    /* The moment when whatever clients used should all be back: a leak
+     * shows here as a count that grows from one report to the next. */
+    if (--clients_ == 0 && log::level() >= log::Level::Debug)
+      TS_LOG_DEBUG("no client connected; %d descriptors open", open_descriptors());
   } else {
     instance_gone(static_cast<Instance&>(c));
   }

@@ -373,6 +373,9 @@ int run(int argc, char** argv) {
   settings.syslog = to_syslog;
   settings.deterministic_random = o.has_random_seed;
   settings.random_seed = o.random_seed;
+  settings.max_clients_per_user = o.max_clients_per_user;
+  settings.max_operation_bytes = o.max_operation_bytes;
+  settings.max_session_shm_bytes = o.max_session_shm_bytes;
   UniqueFd listener, locks[2];
   std::string socket_path;
   bool key_created = false;

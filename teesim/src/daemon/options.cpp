@@ -3,7 +3,10 @@
 
 #include <getopt.h>
 
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "teesim/paths.h"
 #include "teesim/uuid.h"
@@ -12,7 +15,8 @@ namespace teesim::daemon {
 
 namespace {
 
-enum LongOnly { kLogFile = 256, kRandomSeed, kWipeStorage, kVersion, kSocketGroup, kEmulator };
+enum LongOnly { kLogFile = 256, kRandomSeed, kWipeStorage, kVersion, kSocketGroup, kEmulator,
+                kMaxClientsPerUser, kMaxOperationMemory, kMaxSessionShm };
 
 const option kOptions[] = {
     {"socket", required_argument, nullptr, 's'},
@@ -28,8 +32,42 @@ const option kOptions[] = {
     {"emulator", required_argument, nullptr, kEmulator},
     {"help", no_argument, nullptr, 'h'},
     {"version", no_argument, nullptr, kVersion},
+    {"max-clients-per-user", required_argument, nullptr, kMaxClientsPerUser},
+    {"max-operation-memory", required_argument, nullptr, kMaxOperationMemory},
+    {"max-session-shm", required_argument, nullptr, kMaxSessionShm},
     {nullptr, 0, nullptr, 0},
 };
+
+/* A whole decimal number within [min, max]. */
+bool parse_count(const char* text, unsigned long min, unsigned long max, unsigned* out) {
+  if (text == nullptr || text[0] < '0' || text[0] > '9') return false;
+  errno = 0;
+  char* end = nullptr;
+  unsigned long v = std::strtoul(text, &end, 10);
+  if (errno != 0 || *end != '\0' || v < min || v > max) return false;
+  *out = static_cast<unsigned>(v);
+  return true;
+}
+
+/* A size in bytes, with an optional K, M or G (powers of 1024), from 4 KiB
+ * to 2 GiB. */
+bool parse_size(const char* text, uint32_t* out) {
+  if (text == nullptr || text[0] < '0' || text[0] > '9') return false;
+  errno = 0;
+  char* end = nullptr;
+  unsigned long long v = std::strtoull(text, &end, 10);
+  if (errno != 0) return false;
+  unsigned shift = 0;
+  if (*end == 'K' || *end == 'k') shift = 10;
+  if (*end == 'M' || *end == 'm') shift = 20;
+  if (*end == 'G' || *end == 'g') shift = 30;
+  if (shift != 0) ++end;
+  if (*end != '\0' || v > (1ull << 31) >> shift) return false;
+  v <<= shift;
+  if (v < 4096 || v > (1ull << 31)) return false;
+  *out = static_cast<uint32_t>(v);
+  return true;
+}
 
 }  // namespace
 
@@ -66,6 +104,17 @@ std::string usage(const char* program) {
          "                           for hosts built for another CPU (CMD is split at spaces,\n"
          "                           e.g. \"qemu-aarch64-static\"; default: $TEESIM_EMULATOR,\n"
          "                           else none)\n"
+         "      --max-clients-per-user N\n"
+         "                           connections one user may hold at once (default " +
+         std::to_string(kDefaultMaxClientsPerUser) + ");\n"
+         "                           more are refused with TEEC_ERROR_BUSY\n"
+         "      --max-operation-memory SIZE\n"
+         "                           memory references one operation may carry, sizes added\n"
+         "                           up (default 64M); more: TEEC_ERROR_EXCESS_DATA\n"
+         "      --max-session-shm SIZE\n"
+         "                           shared memory one session may keep mapped in its TA\n"
+         "                           instance (default 256M); more: TEEC_ERROR_OUT_OF_MEMORY\n"
+         "                           (SIZE: bytes, or with K, M or G; 4K to 2G)\n"
          "  -h, --help               show this text\n"
          "      --version            show the version\n"
          "\n"
@@ -124,6 +173,23 @@ bool parse_options(int argc, char** argv, Options* out, std::string* error) {
         break;
       case 'h': o.help = true; break;
       case kVersion: o.version = true; break;
+      case kMaxOperationMemory:
+      case kMaxSessionShm: {
+        uint32_t* target = c == kMaxOperationMemory ? &o.max_operation_bytes : &o.max_session_shm_bytes;
+        if (!parse_size(::optarg, target)) {
+          *error = std::string(c == kMaxOperationMemory ? "--max-operation-memory" : "--max-session-shm") +
+                   " needs a size from 4K to 2G (bytes, or with K, M or G), not '" + ::optarg + "'";
+          return false;
+        }
+        break;
+      }
+      case kMaxClientsPerUser:
+        if (!parse_count(::optarg, 1, 1u << 20, &o.max_clients_per_user)) {
+          *error = std::string("--max-clients-per-user needs a number from 1 to 1048576, not '") +
+                   ::optarg + "'";
+          return false;
+        }
+        break;
       case ':':
         *error = std::string("option ") + argv[::optind - 1] + " needs a value";
         return false;

@@ -2,6 +2,7 @@
 #ifndef TEESIM_DAEMON_OPTIONS_H
 #define TEESIM_DAEMON_OPTIONS_H
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,11 @@ inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailure = 1;      /* failed while running */
 inline constexpr int kExitUsage = 2;        /* bad options, folders or files */
 inline constexpr int kExitAlreadyRunning = 3; /* another teesim serves the socket */
+
+/* Defaults of the limits a daemon enforces (see --help). */
+inline constexpr unsigned kDefaultMaxClientsPerUser = 512;
+inline constexpr uint32_t kDefaultMaxOperationBytes = 64u << 20;
+inline constexpr uint32_t kDefaultMaxSessionShmBytes = 256u << 20;
 
 struct Options {
   std::string socket_path;
@@ -29,6 +35,9 @@ struct Options {
   std::vector<std::string> emulator; /* runs the TA hosts (empty: they run directly) */
   bool help = false;
   bool version = false;
+  unsigned max_clients_per_user = kDefaultMaxClientsPerUser;
+  uint32_t max_operation_bytes = kDefaultMaxOperationBytes;
+  uint32_t max_session_shm_bytes = kDefaultMaxSessionShmBytes;
 };
 
 /* Parses argv (argv[0] is the program). Unset folders take the defaults of

@@ -109,5 +109,31 @@ TEST(DaemonOptions, HelpNamesEveryOption) {
     EXPECT_NE(text.find(opt), std::string::npos) << opt;
 }
 
+TEST(DaemonOptions, LimitsHaveDefaultsAndRefuseNonsense) {
+  Options o;
+  std::string err;
+  ASSERT_TRUE(parse({}, &o, &err)) << err;
+  EXPECT_EQ(o.max_clients_per_user, kDefaultMaxClientsPerUser);
+  ASSERT_TRUE(parse({"--max-clients-per-user", "3"}, &o, &err)) << err;
+  EXPECT_EQ(o.max_clients_per_user, 3u);
+  for (const char* bad : {"0", "-1", "x", "12x", "", "99999999999"}) {
+    EXPECT_FALSE(parse({"--max-clients-per-user", bad}, &o, &err)) << bad;
+    EXPECT_NE(err.find("--max-clients-per-user"), std::string::npos) << err;
+  }
+  EXPECT_NE(usage("teesim").find("--max-clients-per-user"), std::string::npos);
+
+  EXPECT_EQ(o.max_operation_bytes, kDefaultMaxOperationBytes);
+  EXPECT_EQ(o.max_session_shm_bytes, kDefaultMaxSessionShmBytes);
+  ASSERT_TRUE(parse({"--max-operation-memory", "1M", "--max-session-shm", "8192"}, &o, &err)) << err;
+  EXPECT_EQ(o.max_operation_bytes, 1u << 20);
+  EXPECT_EQ(o.max_session_shm_bytes, 8192u);
+  ASSERT_TRUE(parse({"--max-session-shm", "2G"}, &o, &err)) << err;
+  EXPECT_EQ(o.max_session_shm_bytes, 1u << 31);
+  for (const char* bad : {"4095", "3G", "1T", "1.5M", "M", "-4K", "99999999999999999999"}) {
+    EXPECT_FALSE(parse({"--max-operation-memory", bad}, &o, &err)) << bad;
+    EXPECT_NE(err.find("--max-operation-memory"), std::string::npos) << err;
+  }
+}
+
 }  // namespace
 }  // namespace teesim::daemon

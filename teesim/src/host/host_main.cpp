@@ -47,6 +47,10 @@ std::mutex g_ta_mutex;
 std::mutex g_control_mutex;
 
 const teesim_ta_descriptor* g_ta = nullptr;
+/* The memory a client may make this process take (from HOST_INIT): memory
+ * references of one operation, and shared memory one session keeps mapped. */
+size_t g_max_operation_bytes = 0;
+size_t g_max_session_shm_bytes = 0;
 std::atomic<int> g_sessions{0};
 
 class Session;
@@ -77,12 +81,18 @@ bool send_control(const M& msg) {
 
 /* ---- one session ---------------------------------------------------------- */
 
+/* What a client does wrong on its own session is answered to that client
+ * (an error result, or the end of the session) and logged at debug level
+ * only: a client can start a fresh instance process for each session, and
+ * each process has a rate limit of its own, so warnings here would be a
+ * flood the daemon cannot bound. */
+
 class Session {
  public:
   Session(uint32_t id, UniqueFd channel, uint32_t login, const Uuid& client, void* ta_context,
           ShmCache cache)
       : id_(id), channel_(std::move(channel)), login_(login), client_(client),
-        ta_context_(ta_context), cache_(std::move(cache)) {}
+        ta_context_(ta_context), cache_(std::move(cache)), op_(g_max_operation_bytes) {}
 
   void serve() {
     bool close_requested = serve_commands();
@@ -120,10 +130,10 @@ class Session {
       if (n == 0) return false;
       if (n < 0) {
         if (n == -EPROTO || n == -EMSGSIZE) {
-          TS_LOG_WARN("session %u: malformed stream from the client (%s); ending the session", id_,
+          TS_LOG_DEBUG_LIMITED("session %u: malformed stream from the client (%s); ending the session", id_,
                       n == -EPROTO ? "bad or cut frame" : "too many descriptors");
         } else if (n != -ECONNRESET) {
-          TS_LOG_WARN("session %u: receive failed: %s", id_, std::strerror(static_cast<int>(-n)));
+          TS_LOG_DEBUG_LIMITED("session %u: receive failed: %s", id_, std::strerror(static_cast<int>(-n)));
         }
         return false;
       }
@@ -165,7 +175,7 @@ class Session {
             break;
         }
       }
-      TS_LOG_WARN("session %u: malformed frame from the client (%s); ending the session", id_,
+      TS_LOG_DEBUG_LIMITED("session %u: malformed frame from the client (%s); ending the session", id_,
                   wire::status_name(st));
       return false;
     }
@@ -175,7 +185,7 @@ class Session {
    * every buffered frame has claimed its own belong to no frame. */
   bool stray_fds_ok() {
     if (reader_.queued_fds() == 0 || reader_.buffered() > 0) return true;
-    TS_LOG_WARN("session %u: descriptors sent without a frame; ending the session", id_);
+    TS_LOG_DEBUG_LIMITED("session %u: descriptors sent without a frame; ending the session", id_);
     return false;
   }
 
@@ -185,7 +195,7 @@ class Session {
     TEE_Result res = op_.prepare(inv.params, fds, 0, cache_, &why);
     fds.clear();
     if (res != TEE_SUCCESS) {
-      TS_LOG_WARN("session %u: command 0x%x refused: %s", id_, inv.command, why.c_str());
+      TS_LOG_DEBUG_LIMITED("session %u: command 0x%x refused: %s", id_, inv.command, why.c_str());
       reply.result = res;
       reply.origin = wire::Origin::Tee;
       for (int i = 0; i < 4; ++i) reply.params[i].kind = inv.params[i].kind;
@@ -208,7 +218,7 @@ class Session {
     int r = send_frame(channel_.get(), send_.data(), send_.size());
     wipe(send_.data(), send_.size());
     if (r != 0) {
-      TS_LOG_INFO("session %u: client went away before its answer (%s)", id_, std::strerror(-r));
+      TS_LOG_DEBUG_LIMITED("session %u: client went away before its answer (%s)", id_, std::strerror(-r));
       return false;
     }
     return true;
@@ -312,14 +322,14 @@ void open_session(uint32_t tag, const wire::HostOpen& msg, FdList& fds) {
   wire::HostOpenReply reply;
   reply.session_id = msg.session_id;
   UniqueFd channel(fds.fds[0].release());
-  ShmCache cache;
-  Operation op;
+  ShmCache cache(g_max_session_shm_bytes);
+  Operation op(g_max_operation_bytes);
   std::string why;
   TEE_Result res = op.prepare(msg.params, fds, 1, cache, &why);
   fds.clear();
   void* ta_context = nullptr;
   if (res != TEE_SUCCESS) {
-    TS_LOG_WARN("session %u: open refused: %s", msg.session_id, why.c_str());
+    TS_LOG_DEBUG_LIMITED("session %u: open refused: %s", msg.session_id, why.c_str());
     reply.result = res;
     reply.origin = wire::Origin::Tee;
     for (int i = 0; i < 4; ++i) reply.params[i].kind = msg.params[i].kind;
@@ -428,6 +438,8 @@ int run(int argc, char** argv) {
   log::Level level = log::Level::Info;
   if (init.log_level >= 1 && init.log_level <= 4) level = static_cast<log::Level>(init.log_level);
   log::init("teesim-ta", level, init.log_flags & 1);
+  g_max_operation_bytes = init.max_operation_bytes;
+  g_max_session_shm_bytes = init.max_session_shm_bytes;
 
   LoadError err;
   runtime::Config config;
@@ -449,7 +461,9 @@ int run(int argc, char** argv) {
   wipe(init.name_key.data(), init.name_key.size());
   wipe(init.random_key.data(), init.random_key.size());
   if (!ok) {
-    TS_LOG_ERROR("%s: %s", init.ta_path.c_str(), err.message.c_str());
+    /* The daemon logs the reason it is sent (rate-limited there: a client
+     * can ask for a broken TA again and again, each time a new process). */
+    TS_LOG_DEBUG("%s: %s", init.ta_path.c_str(), err.message.c_str());
     reply_init(err);
     return 1;
   }
@@ -465,7 +479,7 @@ int run(int argc, char** argv) {
     char msg[64];
     std::snprintf(msg, sizeof msg, "TA_CreateEntryPoint returned 0x%08x", res);
     err.message = msg;
-    TS_LOG_WARN("TA %s: %s", g_ta->name, msg);
+    TS_LOG_DEBUG("TA %s: %s", g_ta->name, msg); /* the daemon logs it too */
     reply_init(err);
     return 1;
   }

@@ -50,6 +50,20 @@ ShmMap::~ShmMap() { ::munmap(data_, size_); }
 TEE_Result Operation::prepare(const wire::Params& req, FdList& fds, size_t first_shm_fd,
                               ShmCache& cache, std::string* why) {
   param_types_ = 0;
+  for (Slot& s : slots_) {
+    s.kind = wire::ParamKind::None;
+    s.shm = nullptr;
+    s.one_shot.reset();
+  }
+  uint64_t total = 0;
+  for (const wire::Param& p : req) {
+    if (wire::is_buf(p.kind) || wire::is_shm(p.kind)) total += p.size;
+  }
+  if (total > max_bytes_) {
+    *why = "memory references of " + std::to_string(total) + " bytes, more than the " +
+           std::to_string(max_bytes_) + " one operation may carry";
+    return TEE_ERROR_EXCESS_DATA;
+  }
   size_t next_fd = first_shm_fd;
   for (int i = 0; i < 4; ++i) {
     const wire::Param& p = req[i];
@@ -89,8 +103,10 @@ TEE_Result Operation::prepare(const wire::Params& req, FdList& fds, size_t first
           m = mapped.get();
           if (p.shm_id == 0) {
             s.one_shot = std::move(mapped);
-          } else {
-            cache.put(p.shm_id, std::move(mapped));
+          } else if (!cache.put(p.shm_id, std::move(mapped))) {
+            *why = "shared memory past the " + std::to_string(cache.bytes()) +
+                   " bytes this session keeps mapped already";
+            return TEE_ERROR_OUT_OF_MEMORY;
           }
         } else {
           m = cache.find(p.shm_id);

@@ -13,6 +13,7 @@
 #ifndef TEESIM_HOST_OPERATION_H
 #define TEESIM_HOST_OPERATION_H
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -47,29 +48,59 @@ class ShmMap {
   bool writable_;
 };
 
-/* The shared memory blocks a session's client has sent, by id. */
+/* The shared memory blocks a session's client has sent, by id, with a cap
+ * on the bytes they map: a client may not make its instance map more than
+ * `max_bytes` of its memory at once. */
 class ShmCache {
  public:
-  void put(uint32_t id, std::unique_ptr<ShmMap> map) { maps_[id] = std::move(map); }
+  explicit ShmCache(size_t max_bytes = SIZE_MAX) : max_bytes_(max_bytes) {}
+  /* Keeps `map` under `id` (replacing any block of that id).
+   * Returns false, dropping `map`, when the cap would be passed. */
+  [[nodiscard]] bool put(uint32_t id, std::unique_ptr<ShmMap> map) {
+    auto it = maps_.find(id);
+    size_t replaced = it == maps_.end() ? 0 : it->second->size();
+    if (map->size() > max_bytes_ - (bytes_ - replaced)) return false;
+    bytes_ = bytes_ - replaced + map->size();
+    maps_[id] = std::move(map);
+    return true;
+  }
   ShmMap* find(uint32_t id) const {
     auto it = maps_.find(id);
     return it == maps_.end() ? nullptr : it->second.get();
   }
-  void forget(uint32_t id) { maps_.erase(id); }
+  void forget(uint32_t id) {
+    auto it = maps_.find(id);
+    if (it == maps_.end()) return;
+    bytes_ -= it->second->size();
+    maps_.erase(it);
+  }
   size_t size() const { return maps_.size(); }
+  /* The bytes of all blocks kept. */
+  size_t bytes() const { return bytes_; }
 
  private:
   std::unordered_map<uint32_t, std::unique_ptr<ShmMap>> maps_;
+  size_t max_bytes_;
+  size_t bytes_ = 0;
 };
 
 /* One operation in flight. Reuse one object per session: its buffers keep
  * their capacity, so a steady stream of commands allocates nothing. */
 class Operation {
  public:
+  /* max_bytes: the most bytes of memory references (sizes added up) one
+   * operation may hand the TA; each is copied, so this bounds the memory a
+   * request makes this process take. */
+  explicit Operation(size_t max_bytes = SIZE_MAX) : max_bytes_(max_bytes) {}
+
   /* Builds the TA's view of request parameters.
-   * Returns TEE_SUCCESS, or TEE_ERROR_BAD_PARAMETERS with a reason in *why
-   * (unknown shm id, bad memfd, range outside the block, output to a
-   * read-only block) - a fault of the client, reported with origin TEE.
+   * Returns TEE_SUCCESS; TEE_ERROR_EXCESS_DATA when the memory references
+   * add up to more than max_bytes (checked before anything is mapped or
+   * copied); TEE_ERROR_OUT_OF_MEMORY when a shared memory block would take
+   * the session's cache past its cap; or TEE_ERROR_BAD_PARAMETERS (unknown
+   * shm id, bad memfd, range outside the block, output to a read-only
+   * block). Each with a reason in *why; each a fault of the client,
+   * reported with origin TEE.
    * In: req, the decoded request; fds, the descriptors that came with the
    *     frame, of which the shm ones start at index first_shm_fd.
    * In/out: cache, the session's shm blocks; attached ones with an id are
@@ -103,6 +134,7 @@ class Operation {
   Slot slots_[4];
   TEE_Param ta_params_[4]{};
   uint32_t param_types_ = 0;
+  size_t max_bytes_;
 };
 
 }  // namespace teesim::host

@@ -232,5 +232,43 @@ TEST(Operation, UnsafeOrWrongSharedMemoryIsRefused) {
   ::close(p[1]);
 }
 
+TEST(Operation, MemoryReferencesPastTheBoundAreRefusedBeforeAnythingIsMapped) {
+  Memfd block(8192);
+  wire::Params req;
+  req[0].kind = ParamKind::BufOut;
+  req[0].size = 4096;
+  req[1].kind = ParamKind::ShmIn;
+  req[1].shm_id = 3;
+  req[1].shm_flags = wire::kShmFdAttached;
+  req[1].size = 4097;
+  Operation op(8192);
+  ShmCache cache;
+  FdList fds;
+  attach(&fds, block.fd.get());
+  std::string why;
+  EXPECT_EQ(op.prepare(req, fds, 0, cache, &why), TEE_ERROR_EXCESS_DATA);
+  EXPECT_NE(why.find("8193 bytes"), std::string::npos) << why;
+  EXPECT_EQ(cache.size(), 0u) << "nothing was mapped";
+  req[1].size = 4096;
+  EXPECT_EQ(op.prepare(req, fds, 0, cache, &why), TEE_SUCCESS) << "at the bound: " << why;
+  op.release();
+}
+
+TEST(ShmCache, KeepsNoMoreThanItsCapMapped) {
+  Memfd a(4096), b(4096), c(8192);
+  std::string why;
+  ShmCache cache(12288);
+  ASSERT_TRUE(cache.put(1, ShmMap::map(a.fd.get(), &why)));
+  ASSERT_TRUE(cache.put(2, ShmMap::map(b.fd.get(), &why)));
+  EXPECT_FALSE(cache.put(3, ShmMap::map(c.fd.get(), &why))) << "16 KiB would pass 12 KiB";
+  EXPECT_EQ(cache.find(3), nullptr);
+  EXPECT_EQ(cache.bytes(), 8192u);
+  EXPECT_TRUE(cache.put(2, ShmMap::map(c.fd.get(), &why))) << "replacing a block counts the new one only";
+  EXPECT_EQ(cache.bytes(), 12288u);
+  cache.forget(1);
+  EXPECT_EQ(cache.bytes(), 8192u);
+  EXPECT_TRUE(cache.put(3, ShmMap::map(a.fd.get(), &why)));
+}
+
 }  // namespace
 }  // namespace teesim::host

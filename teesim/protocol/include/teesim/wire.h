@@ -23,7 +23,13 @@
  *   bodies ("uuid" = 16 bytes, RFC 4122 order; "key" = 32 bytes;
  *           "str" = u32 length (<= kMaxString) + that many bytes, no NUL)
  *     HELLO                client -> daemon  u32 client_pid
- *     HELLO_REPLY          daemon -> client  u32 daemon_pid, u32 max_shm_size
+ *     HELLO_REPLY          daemon -> client  u32 daemon_pid, u32 max_operation_bytes
+ *                                            (the most bytes of memory references,
+ *                                            sizes added up, one operation may carry)
+ *     REFUSED              daemon -> client  u32 result, str reason
+ *                                            (instead of any answer, when the
+ *                                            daemon will not serve this connection;
+ *                                            it closes the connection after it)
  *     OPEN_SESSION         client -> daemon  uuid ta, u32 login, u32 has_group (0|1),
  *                                            u32 group, request params
  *     OPEN_SESSION_REPLY   daemon -> client  u32 result, u32 origin, u32 session_id,
@@ -36,6 +42,7 @@
  *     SHM_FORGET           client -> TA      u32 shm_id           (no reply)
  *     HOST_INIT            daemon -> TA      uuid ta, u32 instance_no, u32 log_level,
  *                                            u32 log_flags, u32 random_mode,
+ *                                            u32 max_operation_bytes, u32 max_session_shm_bytes,
  *                                            key storage_key, key name_key, key random_key,
  *                                            str ta_path, str storage_dir
  *     HOST_INIT_REPLY      TA -> daemon      u32 result, u32 origin, u32 ta_flags, str name,
@@ -113,6 +120,7 @@ enum class MsgType : uint16_t {
   CloseSession = 7,
   CloseSessionReply = 8,
   ShmForget = 9,
+  Refused = 10,
   HostInit = 16,
   HostInitReply = 17,
   HostOpen = 18,
@@ -189,7 +197,15 @@ struct Hello {
 struct HelloReply {
   static constexpr MsgType kType = MsgType::HelloReply;
   uint32_t daemon_pid = 0;
-  uint32_t max_shm_size = 0;
+  uint32_t max_operation_bytes = 0; /* memref sizes added up, per operation */
+};
+/* Why the daemon turns a connection away: result is a TEE_ERROR_* code
+ * (TEE_ERROR_BUSY: too many connections, or out of descriptors), reason a
+ * sentence for the client's log. */
+struct Refused {
+  static constexpr MsgType kType = MsgType::Refused;
+  uint32_t result = 0;
+  std::string reason;
 };
 struct OpenSession {
   static constexpr MsgType kType = MsgType::OpenSession;
@@ -234,6 +250,8 @@ struct HostInit {
   uint32_t log_level = 0;
   uint32_t log_flags = 0;
   uint32_t random_mode = 0; /* 0: from the OS; 1: deterministic from random_key */
+  uint32_t max_operation_bytes = 0;   /* memref sizes added up, per operation */
+  uint32_t max_session_shm_bytes = 0; /* shared memory a session may keep mapped */
   std::array<uint8_t, kKeySize> storage_key{};
   std::array<uint8_t, kKeySize> name_key{};
   std::array<uint8_t, kKeySize> random_key{};
@@ -302,6 +320,7 @@ struct Frame {
  * Out: msg, filled only in part on failure. Views point into the frame. */
 [[nodiscard]] Status decode(const Frame& frame, size_t nfds, Hello* msg);
 [[nodiscard]] Status decode(const Frame& frame, size_t nfds, HelloReply* msg);
+[[nodiscard]] Status decode(const Frame& frame, size_t nfds, Refused* msg);
 [[nodiscard]] Status decode(const Frame& frame, size_t nfds, OpenSession* msg);
 [[nodiscard]] Status decode(const Frame& frame, size_t nfds, OpenSessionReply* msg);
 [[nodiscard]] Status decode(const Frame& frame, size_t nfds, Invoke* msg);
@@ -323,6 +342,7 @@ struct Frame {
  * In: tag, the header tag; msg. */
 [[nodiscard]] Status encode(std::vector<uint8_t>& out, uint32_t tag, const Hello& msg);
 [[nodiscard]] Status encode(std::vector<uint8_t>& out, uint32_t tag, const HelloReply& msg);
+[[nodiscard]] Status encode(std::vector<uint8_t>& out, uint32_t tag, const Refused& msg);
 [[nodiscard]] Status encode(std::vector<uint8_t>& out, uint32_t tag, const OpenSession& msg);
 [[nodiscard]] Status encode(std::vector<uint8_t>& out, uint32_t tag, const OpenSessionReply& msg);
 [[nodiscard]] Status encode(std::vector<uint8_t>& out, uint32_t tag, const Invoke& msg);

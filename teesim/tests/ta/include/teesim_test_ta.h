@@ -27,6 +27,15 @@
 #define TEST_TA_KEEP_ALIVE_UUID \
   { 0x7e57a000, 0x5e55, 0x4d0e, { 0x9a, 0x11, 0x00, 0x00, 0x00, 0x00, 0x00, 0x04 } }
 #define TEST_TA_KEEP_ALIVE_UUID_TEXT "7e57a000-5e55-4d0e-9a11-000000000004"
+/* The fault TA (fault_ta.c): single instance, multi-session; its process
+ * dies at the step named by the installation property TEST_FAULT_TA_PROP:
+ * "create-kill", "create-hangup", "open-kill" or "open-hangup" (anything
+ * else: it lives). Only TEST_CMD_INFO means something to it: p0
+ * VALUE_OUTPUT (a = instance process id). */
+#define TEST_FAULT_TA_UUID \
+  { 0x7e57a000, 0x5e55, 0x4d0e, { 0x9a, 0x11, 0x00, 0x00, 0x00, 0x00, 0x00, 0x05 } }
+#define TEST_FAULT_TA_UUID_TEXT "7e57a000-5e55-4d0e-9a11-000000000005"
+#define TEST_FAULT_TA_PROP "teesim.test.fault"
 
 /* Opening a session: parameter 0, when VALUE_INOUT, comes back with a + 1;
  * when a VALUE_INPUT or VALUE_INOUT holds a == TEST_TA_REFUSE, the open fails
