@@ -85,11 +85,9 @@ void Serve(PrivateDaemon& d, const std::vector<std::string>& extra, int signals)
       if (command == "stop") {
         Reply("stopped " + std::to_string(d.Stop()));
       } else if (command == "kill") {
-        /* SIGKILL first: Stop() then only reaps what SIGKILL ended, and
-         * reports its status (137). */
-        const pid_t pid = d.Pid();
-        if (pid > 0) ::kill(pid, SIGKILL);
-        Reply("stopped " + std::to_string(d.Stop()));
+        /* Kill() reaps the daemon itself: a separate kill(2) and Stop()
+         * could lose the status to the reaping in Pid(). */
+        Reply("stopped " + std::to_string(d.Kill()));
       } else if (command == "start") {
         Reply(d.Start(extra) ? ReadyLine(d) : "failed " + FirstLine(d.Error()));
       } else {
