@@ -256,8 +256,7 @@ bool connect_service(UniqueFd* out, std::string* socket_path) {
   if (connect_daemon(kServiceSocket, /*may_start=*/false, out, &why) != TEEC_SUCCESS) {
     /* Typically: not a member of the service's group. The user's own
      * daemon serves instead. */
-    __dlog_print(LOG_ID_SYSTEM, DLOG_INFO, "TEEC", "not using the teesim service: %s",
-                 why.c_str());
+    log::write(log::Level::Info, "not using the teesim service: %s", why.c_str());
     return false;
   }
   *socket_path = kServiceSocket;
