@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs what is missing, builds, and runs every test: the optimised build,
-# then the ASan+UBSan build with short fuzz runs, then the Debian packages
+# then the ASan+UBSan build with short fuzz runs, the concurrency tests under
+# ThreadSanitizer, then the Debian packages
 # built and installed into a fresh Debian root (packaging/tests/install_test.py).
 set -eu
 cd "$(dirname "$0")"
@@ -12,5 +13,18 @@ for preset in default asan; do
   echo "==> $preset tests"
   ctest --preset "$preset"
 done
+# The concurrency tests of libteec, the daemon and the TA host, built with
+# ThreadSanitizer (only what they need). A report fails the test that
+# caused it (halt_on_error) and is kept in build/tsan/reports.
+echo "==> tsan concurrency tests"
+cmake --preset tsan >/dev/null
+cmake --build --preset tsan
+rm -rf build/tsan/reports
+ctest --preset tsan
+if [ -n "$(ls -A build/tsan/reports 2>/dev/null)" ]; then
+  cat build/tsan/reports/*
+  echo "ThreadSanitizer reported the races above" >&2
+  exit 1
+fi
 echo "==> Debian packages"
 packaging/tests/install_test.py
