@@ -209,12 +209,13 @@ int PrivateDaemon::Stop() {
   return StatusCode(status);
 }
 
-void PrivateDaemon::Kill() {
-  if (!Running()) return;
+int PrivateDaemon::Kill() {
+  if (!Running()) return -1;
   ::kill(pid_, SIGKILL);
   int status = 0;
   WaitFor(pid_, 0, &status);
   pid_ = -1;
+  return StatusCode(status);
 }
 
 bool PrivateDaemon::Running() const {

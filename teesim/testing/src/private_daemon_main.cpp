@@ -85,11 +85,10 @@ void Serve(PrivateDaemon& d, const std::vector<std::string>& extra, int signals)
       if (command == "stop") {
         Reply("stopped " + std::to_string(d.Stop()));
       } else if (command == "kill") {
-        /* SIGKILL first: Stop() then only reaps what SIGKILL ended, and
-         * reports its status (137). */
-        const pid_t pid = d.Pid();
-        if (pid > 0) ::kill(pid, SIGKILL);
-        Reply("stopped " + std::to_string(d.Stop()));
+        /* Kill() reaps what it killed itself: sending SIGKILL here and
+         * reaping in Stop() raced with the kernel ending the process (a
+         * daemon already gone counts as not running: -1). */
+        Reply("stopped " + std::to_string(d.Kill()));
       } else if (command == "start") {
         Reply(d.Start(extra) ? ReadyLine(d) : "failed " + FirstLine(d.Error()));
       } else {

@@ -122,10 +122,10 @@ TEST_F(PrivateDaemonTest, KillEndsTheDaemonAtOnceAndItCanStartAgain) {
   PrivateDaemon d(Options());
   ASSERT_TRUE(d.Start()) << d.Error();
   const pid_t pid = d.Pid();
-  d.Kill();
+  EXPECT_EQ(d.Kill(), 128 + SIGKILL);
   EXPECT_FALSE(d.Running());
   EXPECT_EQ(::kill(pid, 0), -1) << "reaped";
-  d.Kill(); /* nothing to do */
+  EXPECT_EQ(d.Kill(), -1) << "nothing to do";
   ASSERT_TRUE(d.Start()) << d.Error();
   EXPECT_EQ(d.Stop(), 0);
 }

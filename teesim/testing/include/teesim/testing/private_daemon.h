@@ -84,8 +84,9 @@ class PrivateDaemon {
   int Stop();
 
   /* Sends SIGKILL and reaps the daemon (the TA instances it started end
-   * with it). Nothing happens when it is not running. */
-  void Kill();
+   * with it). Returns its exit status (137 when SIGKILL ended it), or -1
+   * when it was not running (nothing happens then). */
+  int Kill();
 
   /* Returns true while the daemon started by Start() lives. A daemon found
    * to have ended on its own is reaped here and counts as not running. */
