@@ -12,7 +12,7 @@ namespace teesim::daemon {
 
 namespace {
 
-enum LongOnly { kLogFile = 256, kRandomSeed, kWipeStorage, kVersion, kSocketGroup };
+enum LongOnly { kLogFile = 256, kRandomSeed, kWipeStorage, kVersion, kSocketGroup, kNewInstallationKey };
 
 const option kOptions[] = {
     {"socket", required_argument, nullptr, 's'},
@@ -27,6 +27,7 @@ const option kOptions[] = {
     {"wipe-storage", required_argument, nullptr, kWipeStorage},
     {"help", no_argument, nullptr, 'h'},
     {"version", no_argument, nullptr, kVersion},
+    {"new-installation-key", no_argument, nullptr, kNewInstallationKey},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -61,11 +62,18 @@ std::string usage(const char* program) {
          "                           are then predictable\n"
          "      --wipe-storage UUID  delete the persistent objects of TA UUID before serving\n"
          "                           (repeatable; \"all\" for every TA)\n"
+         "      --new-installation-key\n"
+         "                           when the installation key is missing but TAs have objects\n"
+         "                           (which nothing can read without it), set them aside in\n"
+         "                           <storage>/lost-key-<time>/ and make a new key instead of\n"
+         "                           refusing to start\n"
          "  -h, --help               show this text\n"
          "      --version            show the version\n"
          "\n"
          "Exit status: 0 stopped cleanly (SIGTERM or SIGINT), 1 failed while running,\n"
-         "2 bad options, folders or files, 3 another teesim already serves the socket.\n";
+         "2 bad options, folders or files, 3 another teesim already serves the socket,\n"
+         "4 the installation key is missing while TAs have objects (see above).\n"
+         "SIGHUP reopens the log file (after log rotation).\n";
 }
 
 bool parse_options(int argc, char** argv, Options* out, std::string* error) {
@@ -114,6 +122,7 @@ bool parse_options(int argc, char** argv, Options* out, std::string* error) {
       }
       case 'h': o.help = true; break;
       case kVersion: o.version = true; break;
+      case kNewInstallationKey: o.new_installation_key = true; break;
       case ':':
         *error = std::string("option ") + argv[::optind - 1] + " needs a value";
         return false;

@@ -14,6 +14,7 @@ inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailure = 1;      /* failed while running */
 inline constexpr int kExitUsage = 2;        /* bad options, folders or files */
 inline constexpr int kExitAlreadyRunning = 3; /* another teesim serves the socket */
+inline constexpr int kExitKeyLost = 4;      /* no installation key, but TAs have objects */
 
 struct Options {
   std::string socket_path;
@@ -28,6 +29,7 @@ struct Options {
   std::vector<std::string> wipe; /* TA UUIDs (canonical text) or "all" */
   bool help = false;
   bool version = false;
+  bool new_installation_key = false; /* a missing key with objects left: set them aside */
 };
 
 /* Parses argv (argv[0] is the program). Unset folders take the defaults of

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <vector>
@@ -24,6 +25,23 @@ constexpr size_t kCipherAt = kNonceAt + crypto::kGcmNonceSize;
 TEE_Result io_error(int neg_errno) {
   if (neg_errno == -ENOSPC || neg_errno == -EDQUOT) return TEE_ERROR_STORAGE_NO_SPACE;
   return TEE_ERROR_STORAGE_NOT_AVAILABLE;
+}
+
+/* A folder that refuses every change (a read-only mount, permissions):
+ * normal for a storage that is served read-only, so said once per process
+ * rather than at each write. */
+bool refuses_writes(int neg_errno) {
+  return neg_errno == -EROFS || neg_errno == -EACCES || neg_errno == -EPERM;
+}
+
+void log_write_failure(const std::string& dir, const char* what, int neg_errno) {
+  static std::atomic<bool> said_read_only{false};
+  if (!refuses_writes(neg_errno)) {
+    TS_LOG_ERROR("cannot %s in %s: %s", what, dir.c_str(), std::strerror(-neg_errno));
+  } else if (!said_read_only.exchange(true)) {
+    TS_LOG_WARN("storage folder %s cannot be written (%s): writes answer "
+                "TEE_ERROR_STORAGE_NOT_AVAILABLE (said once)", dir.c_str(), std::strerror(-neg_errno));
+  }
 }
 
 void put_u32(uint8_t* p, uint32_t v) {
@@ -60,7 +78,7 @@ std::string ObjectStore::file_name(const void* id, size_t id_len) const {
 TEE_Result ObjectStore::ensure_dir() {
   int r = fs::make_dirs(dir_, 0700);
   if (r != 0) {
-    TS_LOG_ERROR("cannot make the storage folder %s: %s", dir_.c_str(), std::strerror(-r));
+    log_write_failure(dir_, "make the storage folder", r);
     return io_error(r);
   }
   return TEE_SUCCESS;
@@ -139,7 +157,7 @@ TEE_Result ObjectStore::save(const void* id, size_t id_len, const uint8_t* data,
   int r = fs::write_file_atomic(dir_, name, file.data(), file.size(), 0600, exclusive);
   if (r == -EEXIST) return TEE_ERROR_ACCESS_CONFLICT;
   if (r != 0) {
-    TS_LOG_ERROR("cannot write an object file in %s: %s", dir_.c_str(), std::strerror(-r));
+    log_write_failure(dir_, "write an object file", r);
     return io_error(r);
   }
   return TEE_SUCCESS;
@@ -151,7 +169,7 @@ TEE_Result ObjectStore::remove(const void* id, size_t id_len) {
   int r = fs::remove_file(dir_, name);
   if (r == -ENOENT) return TEE_ERROR_ITEM_NOT_FOUND;
   if (r != 0) {
-    TS_LOG_ERROR("cannot delete an object file in %s: %s", dir_.c_str(), std::strerror(-r));
+    log_write_failure(dir_, "delete an object file", r);
     return TEE_ERROR_STORAGE_NOT_AVAILABLE;
   }
   return TEE_SUCCESS;

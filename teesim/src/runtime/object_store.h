@@ -57,7 +57,8 @@ class ObjectStore {
   /* Writes an object's whole data atomically.
    * Returns TEE_SUCCESS; TEE_ERROR_ACCESS_CONFLICT when `exclusive` and the
    * object exists; TEE_ERROR_STORAGE_NO_SPACE (disk full or data over
-   * kMaxObjectData); TEE_ERROR_STORAGE_NOT_AVAILABLE. */
+   * kMaxObjectData); TEE_ERROR_STORAGE_NOT_AVAILABLE (I/O, or a folder that
+   * cannot be written: a read-only storage, logged once per process). */
   [[nodiscard]] TEE_Result save(const void* id, size_t id_len, const uint8_t* data, size_t len,
                                 bool exclusive);
 
