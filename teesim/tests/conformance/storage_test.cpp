@@ -1,5 +1,6 @@
 /* Persistent objects end to end: round trips, encryption at rest, tamper
- * detection, crash safety under kill -9, wiping. */
+ * and rollback detection, crash safety under kill -9, wiping, a lost
+ * installation key, a read-only storage folder. */
 #include <dirent.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -59,10 +60,14 @@ std::vector<std::string> files_in(const std::string& dir) {
   return out;
 }
 
-/* The file a step added to a folder (tests share a daemon when run in one process). */
+/* The object file a step added to a folder (tests share a daemon when run
+ * in one process; the TA's generation record is not an object file). */
 std::string added_file(const std::vector<std::string>& before, const std::vector<std::string>& after) {
+  const std::string suffix = ".obj";
   for (const std::string& f : after)
-    if (std::find(before.begin(), before.end(), f) == before.end()) return f;
+    if (std::find(before.begin(), before.end(), f) == before.end() && f.size() > suffix.size() &&
+        f.compare(f.size() - suffix.size(), suffix.size(), suffix) == 0)
+      return f;
   return "";
 }
 
@@ -154,6 +159,34 @@ TEST_F(Storage, SwappedObjectFilesAreReportedCorrupt) {
   EXPECT_OUTCOME(get(c.session(), "swap-a", &data, &origin), origin, 0xF0100001u, TEEC_ORIGIN_TRUSTED_APP);
   ASSERT_RESULT(get(c.session(), "swap-b", &data, &origin), TEEC_SUCCESS);
   EXPECT_EQ(data, "value of b");
+}
+
+TEST_F(Storage, AnOlderCopyOfAnObjectFilePutBackIsReportedCorrupt) {
+  Client c;
+  ASSERT_RESULT(c.open(kTestTa), TEEC_SUCCESS);
+  uint32_t origin = 0;
+  const std::string dir = ta_storage(daemon(), TEST_TA_UUID_TEXT);
+  auto before = files_in(dir);
+  ASSERT_RESULT(put(c.session(), "pin-tries", "0 failed tries", &origin), TEEC_SUCCESS);
+  const std::string path = dir + "/" + added_file(before, files_in(dir));
+  const std::string fresh = read_text(path);
+  ASSERT_RESULT(put(c.session(), "pin-tries", "3 failed tries: locked", &origin), TEEC_SUCCESS);
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << fresh;
+  std::string data;
+  EXPECT_OUTCOME(get(c.session(), "pin-tries", &data, &origin), origin,
+                 0xF0100001u /* TEE_ERROR_CORRUPT_OBJECT */, TEEC_ORIGIN_TRUSTED_APP);
+  EXPECT_NE(daemon().LogText().find("is not its latest write (an older copy of it was put back"),
+            std::string::npos);
+
+  /* A deleted object's file put back stays deleted. */
+  before = files_in(dir);
+  ASSERT_RESULT(put(c.session(), "deleted-seed", "old wallet", &origin), TEEC_SUCCESS);
+  const std::string seed_path = dir + "/" + added_file(before, files_in(dir));
+  const std::string seed = read_text(seed_path);
+  ASSERT_RESULT(del(c.session(), "deleted-seed", &origin), TEEC_SUCCESS);
+  std::ofstream(seed_path, std::ios::binary | std::ios::trunc) << seed;
+  EXPECT_OUTCOME(get(c.session(), "deleted-seed", &data, &origin), origin, TEEC_ERROR_ITEM_NOT_FOUND,
+                 TEEC_ORIGIN_TRUSTED_APP);
 }
 
 TEST(StorageRestart, ObjectsSurviveTheDaemonAndWipingRemovesThem) {
