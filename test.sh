@@ -1,11 +1,11 @@
 #!/bin/sh
 # Installs what is missing, builds, and runs every test: the optimised build,
-# then the ASan+UBSan build with short fuzz runs, then the Debian packages
-# built and installed into a fresh Debian root (packaging/tests/install_test.py);
-# then, for ARM, the arm64 build's end-to-end keystore and scenario tests
-# under qemu-user and the device build (arm64) against stand-in platform
-# libraries and Debian's packaged libteec. The full ARM suites:
-# scripts/arm.sh arm64|armhf.
+# then the ASan+UBSan build with short fuzz runs, the concurrency tests under
+# ThreadSanitizer, then the Debian packages built and installed into a fresh
+# Debian root (packaging/tests/install_test.py); then, for ARM, the arm64
+# build's end-to-end keystore and scenario tests under qemu-user and the
+# device build (arm64) against stand-in platform libraries and Debian's
+# packaged libteec. The full ARM suites: scripts/arm.sh arm64|armhf.
 set -eu
 cd "$(dirname "$0")"
 scripts/install-deps.sh test arm64 device
@@ -16,6 +16,19 @@ for preset in default asan; do
   echo "==> $preset tests"
   ctest --preset "$preset"
 done
+# The concurrency tests of libteec, the daemon and the TA host, built with
+# ThreadSanitizer (only what they need). A report fails the test that
+# caused it (halt_on_error) and is kept in build/tsan/reports.
+echo "==> tsan concurrency tests"
+cmake --preset tsan >/dev/null
+cmake --build --preset tsan
+rm -rf build/tsan/reports
+ctest --preset tsan
+if [ -n "$(ls -A build/tsan/reports 2>/dev/null)" ]; then
+  cat build/tsan/reports/*
+  echo "ThreadSanitizer reported the races above" >&2
+  exit 1
+fi
 echo "==> Debian packages"
 packaging/tests/install_test.py
 echo "==> arm64 build and end-to-end tests under emulation"

@@ -27,6 +27,16 @@ if(TESSERA_SANITIZE)
   add_compile_definitions(TESSERA_SANITIZE=1)
 endif()
 
+# ThreadSanitizer: the concurrency tests run in this build (label
+# `concurrency`); it cannot share a process with ASan.
+if(TESSERA_TSAN)
+  if(TESSERA_SANITIZE)
+    message(FATAL_ERROR "TESSERA_TSAN and TESSERA_SANITIZE exclude each other")
+  endif()
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+endif()
+
 if(TESSERA_FUZZ)
   if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
     message(FATAL_ERROR "TESSERA_FUZZ needs clang (configure with the asan preset)")
@@ -100,6 +110,7 @@ function(tessera_add_gtest name)
     TEST_LIST ${name}_TESTS)
   # Labels are applied after discovery: a list given through
   # gtest_discover_tests(PROPERTIES) loses all but its first element.
+  set_property(GLOBAL PROPERTY TESSERA_GTEST_LABELS_${name} "unit;${ARG_LABELS}")
   set(labels_file "${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake")
   file(WRITE "${labels_file}"
     "if(${name}_TESTS)\n"
@@ -113,6 +124,27 @@ function(tessera_add_gtest name)
       "endif()\n")
   endif()
   set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${labels_file}")
+endfunction()
+
+# tessera_label_gtests(<name> <label> <regex>)
+# Adds <label> to the test cases of GoogleTest program <name> (declared with
+# tessera_add_gtest) whose full names match <regex>, e.g. to pick the
+# concurrency tests that the ThreadSanitizer build runs.
+function(tessera_label_gtests name label regex)
+  if(NOT TESSERA_TESTS)
+    return()
+  endif()
+  # ctest scripts can only set a test's labels as a whole: the program's
+  # labels are repeated with the new one.
+  get_property(labels GLOBAL PROPERTY TESSERA_GTEST_LABELS_${name})
+  set(file "${CMAKE_CURRENT_BINARY_DIR}/${name}_${label}_labels.cmake")
+  file(WRITE "${file}"
+    "foreach(t IN LISTS ${name}_TESTS)\n"
+    "  if(t MATCHES [=[${regex}]=])\n"
+    "    set_tests_properties(\"\${t}\" PROPERTIES LABELS \"${labels};${label}\")\n"
+    "  endif()\n"
+    "endforeach()\n")
+  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${file}")
 endfunction()
 
 # tessera_add_fuzzer(<name> SOURCES <files...> [LIBS <targets...>] [CORPUS <dir>])

@@ -27,6 +27,9 @@ using teesim::testing::PrivateDaemon;
 const std::string kZeroPhrase =
     "abandon abandon abandon abandon abandon abandon abandon abandon abandon abandon abandon about";
 const unsigned char kPin[6] = {'1', '3', '5', '7', '9', '2'};
+// Seconds a child may run before SIGALRM ends it: a guard against hangs
+// only, with room for the sanitizer builds on a busy machine.
+constexpr unsigned kHangGuard = 300;
 
 credential Console() {
   credential c;
@@ -35,13 +38,13 @@ credential Console() {
   return c;
 }
 
-// Runs `body` in a child process (killed after 20 s: no phase may hang) and
+// Runs `body` in a child process (killed after kHangGuard s: no phase may hang) and
 // returns its exit status, or -1 when it did not exit normally.
 int InChild(const std::function<int()>& body) {
   std::fflush(nullptr);
   const pid_t pid = fork();
   if (pid == 0) {
-    alarm(20);
+    alarm(kHangGuard);
     _exit(body());
   }
   int status = 0;
@@ -89,7 +92,7 @@ TEST(KeystoreRestart, KilledDaemonFailsTheNextCallQuicklyAndSaysWhy) {
   std::fflush(nullptr);
   const pid_t child = fork();
   if (child == 0) {
-    alarm(20);
+    alarm(kHangGuard);
     const credential c = Console();
     unsigned verdict = 0;
     const int first = poc_check_mnemonic(kZeroPhrase.data(), static_cast<unsigned>(kZeroPhrase.size()), &verdict);

@@ -586,7 +586,7 @@ class Valgrind(ScenarioTestCase):
             self.skipTest("valgrind cannot run a program built for another CPU")
         log = os.path.join(self.daemon.folder, "valgrind.log")
         console = console_harness.Console(
-            ARGS.valgrind, env=self.daemon.client_environment(), timeout=240.0,
+            ARGS.valgrind, env=self.daemon.client_environment(), timeout=1200.0,
             args=["--quiet", "--error-exitcode=99", "--leak-check=full",
                   "--show-leak-kinds=definite,indirect,possible",
                   "--errors-for-leak-kinds=definite,indirect,possible",

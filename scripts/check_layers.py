@@ -104,14 +104,26 @@ class Model:
         self.test_only = set(test_only)
 
 
+def regenerate(build_dir):
+    """CMake reads file-API queries when a configure run starts, so the run
+    that first writes the query (a fresh tree's first configure) answers
+    nothing: configure the tree once more, with the CMake that made it."""
+    cmake = "cmake"
+    try:
+        with open(os.path.join(build_dir, "CMakeCache.txt")) as f:
+            for line in f:
+                if line.startswith("CMAKE_COMMAND:"):
+                    cmake = line.split("=", 1)[1].strip()
+    except OSError:
+        return
+    subprocess.run([cmake, build_dir], stdout=subprocess.DEVNULL, check=False)
+
+
 def load_model(build_dir):
     reply = os.path.join(build_dir, ".cmake", "api", "v1", "reply")
     indexes = sorted(glob.glob(os.path.join(reply, "index-*.json")))
     if not indexes:
-        # CMake reads file-API queries before it configures, so the first
-        # configure of a fresh tree, which writes the query, answers none:
-        # configuring once more does.
-        subprocess.run(["cmake", build_dir], stdout=subprocess.DEVNULL, check=False)
+        regenerate(build_dir)
         indexes = sorted(glob.glob(os.path.join(reply, "index-*.json")))
     if not indexes:
         raise SystemExit("check_layers: no CMake file-API reply in %s (configure first)" % build_dir)

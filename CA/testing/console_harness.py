@@ -174,10 +174,12 @@ class Console:
     prelude: shell code run inside the namespace after the mounts, before the
              console starts (for instance to start a helper in the same view
              of the file system).
-    timeout: seconds a run may take before it is killed and reported.
+    timeout: seconds a run may take before it is killed and reported. Only a
+             hung console reaches it: the default leaves room for sanitizer
+             builds on a machine busy with other work.
     """
 
-    def __init__(self, binary, env=None, args=(), prelude="", timeout=20.0):
+    def __init__(self, binary, env=None, args=(), prelude="", timeout=300.0):
         self.binary = os.path.abspath(binary)
         self.env = dict(env or {})
         self.args = list(args)
@@ -231,7 +233,7 @@ class RunningConsole:
         self._folder = folder
         self._seen = b""
 
-    def read_until(self, text, timeout=10.0):
+    def read_until(self, text, timeout=120.0):
         """Reads standard output until it holds `text` (counted from the
         start of the run). Returns everything read so far, decoded. Raises
         HarnessError, with what was read, when `text` does not come in time
@@ -259,7 +261,7 @@ class RunningConsole:
         self.process.stdin.write(text.encode("utf-8"))
         self.process.stdin.flush()
 
-    def finish(self, timeout=20.0):
+    def finish(self, timeout=300.0):
         """Closes standard input and waits for the console to end (the input
         sent must have ended with a choice that leaves). Returns a Result
         with the whole output of the run. Raises subprocess.TimeoutExpired,
@@ -286,7 +288,7 @@ class RunningConsole:
         """Kills the console; returns (stdout, stderr) it wrote until then."""
         if self.process.poll() is None:
             self.process.kill()
-        self.process.wait(timeout=10)
+        self.process.wait(timeout=60)
         out = self.process.stdout.read() if self.process.stdout else b""
         err = self.process.stderr.read() if self.process.stderr else b""
         self._close_pipes()
@@ -307,7 +309,7 @@ class RunningConsole:
         if self.process.poll() is None:
             self.process.kill()
         try:
-            self.process.wait(timeout=10)
+            self.process.wait(timeout=60)
         finally:
             self._close_pipes()
             self._folder.__exit__(None, None, None)
@@ -336,7 +338,7 @@ def _alive(pid):
         return False
 
 
-def stop_serving_daemon(path, timeout=5.0):
+def stop_serving_daemon(path, timeout=60.0):
     """Stops the teesim daemon that serves `path` and that a test caused to
     be started (libteec starts it detached, so it is not the test's child):
     the process is found by the socket, checked to be a teesim serving that

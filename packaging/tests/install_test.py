@@ -365,6 +365,23 @@ def _id_of(database, name):
     return None
 
 
+def postrotate_commands(root):
+    """The shell commands of the installed logrotate rule's postrotate."""
+    with open(root.host("/etc/logrotate.d/teesim")) as f:
+        text = f.read()
+    return text.split("postrotate", 1)[1].split("endscript", 1)[0]
+
+
+def appears(path, timeout=60):
+    """Waits for `path` to exist (the bound only guards against a hang)."""
+    deadline = time.monotonic() + timeout
+    while not os.path.exists(path):
+        if time.monotonic() > deadline:
+            return False
+        time.sleep(0.05)
+    return True
+
+
 def logs(root, *paths):
     """The tail of each log that exists, for a failure's detail."""
     text = ""
@@ -431,8 +448,19 @@ def inside(args):
     checks.check("the first keystore call started the installed daemon as root",
                  len(running) == 1 and running[0][1] == 0 and "--socket " + SOCKET in cmdline
                  and "--ta-dir /usr/lib/teesim/ta" in cmdline, "%s %s" % (running, cmdline))
+    if running and checks.check("the logrotate rule is installed",
+                                os.path.exists(root.host("/etc/logrotate.d/teesim"))):
+        # Rotation renames the log; the rule's postrotate tells the daemon,
+        # which opens a new file at the old path.
+        log = root.host("/run/teesim/teesim.log")
+        os.rename(log, log + ".1")
+        r = root.run(["sh", "-e", "-c", postrotate_commands(root)], 30)
+        checks.check("after rotation the daemon reopens its log at the old path",
+                     r.returncode == 0 and appears(log), r.stdout + r.stderr)
     for pid, _ in running:
         checks.check("the daemon stops on SIGTERM", stop_pid(pid), str(processes(root.path)))
+        checks.check("its clean stop removes its pid file",
+                     not os.path.exists(root.host(SOCKET + ".lock")))
 
     service_mode(root, checks)
 

@@ -1,6 +1,7 @@
 /* The secure side's log; see log.h. */
 #include "common/log.h"
 
+#include <fcntl.h>
 #include <syslog.h>
 #include <time.h>
 #include <unistd.h>
@@ -14,6 +15,7 @@ namespace teesim::log {
 namespace {
 
 char g_program[32] = "teesim";
+char g_file[4096] = ""; /* the log file, for reopen(); written before any signal can come */
 std::atomic<int> g_level{static_cast<int>(Level::Info)};
 std::atomic<bool> g_syslog{false};
 
@@ -34,6 +36,28 @@ void init(const char* program, Level lvl, bool to_syslog) {
   g_level = static_cast<int>(lvl);
   g_syslog = to_syslog;
   if (to_syslog) ::openlog(g_program, LOG_PID, LOG_DAEMON);
+}
+
+void set_file(const char* path) { std::snprintf(g_file, sizeof g_file, "%s", path); }
+
+int reopen() {
+  int saved_errno = errno;
+  int r = 0;
+  if (g_file[0] == '\0') {
+    r = -ENOENT;
+  } else {
+    int fd = ::open(g_file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0) {
+      r = -errno;
+    } else {
+      /* dup2 leaves close-on-exec off: TA instances started later inherit
+       * the new file as their standard error. */
+      if (fd != STDERR_FILENO && ::dup2(fd, STDERR_FILENO) < 0) r = -errno;
+      if (fd != STDERR_FILENO) ::close(fd);
+    }
+  }
+  errno = saved_errno;
+  return r;
 }
 
 Level level() { return static_cast<Level>(g_level.load()); }

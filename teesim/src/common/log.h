@@ -27,6 +27,19 @@ bool syslog_enabled();
 [[nodiscard]] bool parse_level(const char* text, Level* out);
 const char* level_name(Level level);
 
+/* Names the file that standard error has been pointed at (the log file),
+ * for reopen(). The path is copied; call before other threads run. */
+void set_file(const char* path);
+
+/* Opens the file named by set_file() afresh (appending; made mode 0600 when
+ * missing) and puts it in place of standard error, so that after the old
+ * file was renamed (log rotation) the next lines go to a new file at the
+ * same path. Processes that inherited the old standard error (TA instances
+ * already running) keep writing to the old file.
+ * Async-signal-safe, for a SIGHUP handler; keeps errno.
+ * Returns 0, -ENOENT when no file was named, or the -errno of open/dup2. */
+int reopen();
+
 /* Writes one line when `level` is enabled; a trailing newline is not doubled. */
 void write(Level level, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 void vwrite(Level level, const char* fmt, va_list ap) __attribute__((format(printf, 2, 0)));

@@ -60,6 +60,11 @@ bool read_key(const std::string& path, Key256* key, std::string* error) {
 
 }  // namespace
 
+bool installation_key_missing(const std::string& storage_dir) {
+  struct stat st{};
+  return ::lstat((storage_dir + "/" + kInstallationKeyFile).c_str(), &st) != 0 && errno == ENOENT;
+}
+
 bool load_or_create_installation_key(const std::string& storage_dir, Key256* key, bool* created,
                                      std::string* error) {
   *created = false;

@@ -15,6 +15,11 @@ namespace teesim::daemon {
 
 inline constexpr const char* kInstallationKeyFile = "installation.key";
 
+/* True when <storage_dir>/installation.key does not exist (false when it
+ * exists or cannot be looked at; load_or_create_installation_key then says
+ * why). */
+[[nodiscard]] bool installation_key_missing(const std::string& storage_dir);
+
 /* Reads the installation key, or makes one when the file does not exist.
  * Refuses a file that is not a regular file of 32 bytes owned by the
  * effective user with no permission for others.

@@ -26,8 +26,10 @@ TEST_F(KeysTest, MadeOnceOwnerOnlyThenReadBack) {
   Key256 a, b;
   bool created = false;
   std::string err;
+  EXPECT_TRUE(installation_key_missing(dir_));
   ASSERT_TRUE(load_or_create_installation_key(dir_, &a, &created, &err)) << err;
   EXPECT_TRUE(created);
+  EXPECT_FALSE(installation_key_missing(dir_));
   struct stat st{};
   ASSERT_EQ(::stat(key_path().c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);

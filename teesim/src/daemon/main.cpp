@@ -1,7 +1,10 @@
 /*
  * teesim: start-up of the daemon. Checks folders and files, takes the locks
- * that make one daemon per socket and per storage folder, loads or makes the
- * installation key, binds the socket and hands over to the event loop.
+ * that make one daemon per socket (the pid file) and per storage folder,
+ * loads or makes the installation key (refusing to replace a lost one while
+ * objects depend on it), binds the socket and hands over to the event loop.
+ * A storage folder that cannot be written is served read-only. SIGHUP
+ * reopens the log file.
  * In the background the command returns only once the socket accepts
  * clients, or with the reason it could not; in the foreground it tells a
  * service manager the same through sd_notify (Type=notify units).
@@ -12,11 +15,11 @@
 #include <limits.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <time.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
@@ -31,6 +34,8 @@
 #include "daemon/daemon.h"
 #include "daemon/keys.h"
 #include "daemon/options.h"
+#include "daemon/pid_file.h"
+#include "daemon/storage_folder.h"
 #include "teesim/paths.h"
 #include "teesim/unique_fd.h"
 #include "teesim/uuid.h"
@@ -52,32 +57,6 @@ struct Failure {
 Failure fail(int code, std::string message) { return Failure{code, std::move(message)}; }
 
 std::string errno_text(int e) { return std::strerror(e); }
-
-std::string read_pid_file(int fd) {
-  char buf[32] = {};
-  ssize_t n = ::pread(fd, buf, sizeof buf - 1, 0);
-  std::string s = n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
-  while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
-  return s.empty() ? "unknown" : s;
-}
-
-/* Takes an exclusive lock file held for the daemon's lifetime, with our pid
- * in it. Returns an empty Failure, or why the lock is not ours. */
-Failure take_lock(const std::string& path, const std::string& what, int busy_code,
-                  UniqueFd* out) {
-  UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-  if (!fd) return fail(kExitUsage, "cannot open " + path + ": " + errno_text(errno));
-  if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
-    if (errno == EWOULDBLOCK)
-      return fail(busy_code, what + " (pid " + read_pid_file(fd.get()) + ")");
-    return fail(kExitUsage, "cannot lock " + path + ": " + errno_text(errno));
-  }
-  std::string pid = std::to_string(::getpid()) + "\n";
-  if (::ftruncate(fd.get(), 0) != 0 || ::pwrite(fd.get(), pid.data(), pid.size(), 0) < 0)
-    return fail(kExitUsage, "cannot write " + path + ": " + errno_text(errno));
-  *out = std::move(fd);
-  return {};
-}
 
 Failure resolve_dir(const std::string& dir, const char* what, std::string* out) {
   char real[PATH_MAX];
@@ -219,11 +198,79 @@ std::string host_executable() {
 #endif
 }
 
+/* What start-up found out that goes to the log once the log is open. */
+struct StartNotes {
+  bool key_created = false;
+  bool key_present_anyway = false;   /* --new-installation-key with the key in place */
+  std::string read_only;             /* why the storage cannot be written; "" when it can */
+  std::string set_aside_in;          /* where a lost key's objects went; "" when nowhere */
+  std::vector<std::string> set_aside_tas;
+};
+
+std::string join(const std::vector<std::string>& items) {
+  std::string out;
+  for (const std::string& i : items) out += (out.empty() ? "" : ", ") + i;
+  return out;
+}
+
+/* "lost-key-20250102T030405Z": where a lost key's objects are set aside. */
+std::string lost_key_folder_name() {
+  time_t now = ::time(nullptr);
+  tm t{};
+  ::gmtime_r(&now, &t);
+  char name[48];
+  std::snprintf(name, sizeof name, "lost-key-%04d%02d%02dT%02d%02d%02dZ", t.tm_year + 1900,
+                t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+  return name;
+}
+
+/* The installation key: read, or made when there is none. A missing key
+ * while TAs still have objects is refused (kExitKeyLost): a new key would
+ * silently orphan them (a wallet would read as "not found"). With
+ * --new-installation-key those objects are set aside first. */
+Failure prepare_installation_key(const Options& o, const std::string& storage, bool writable,
+                                 Settings* settings, StartNotes* notes) {
+  std::string why;
+  if (!installation_key_missing(storage)) {
+    notes->key_present_anyway = o.new_installation_key;
+  } else {
+    const std::string key_path = storage + "/" + kInstallationKeyFile;
+    std::vector<std::string> orphans = tas_with_objects(storage);
+    if (!orphans.empty()) {
+      if (!o.new_installation_key)
+        return fail(kExitKeyLost,
+                    "the installation key " + key_path + " is missing, but TA(s) " + join(orphans) +
+                        " have persistent objects in " + storage +
+                        ", which nothing can read without it. Put the key back (from a backup) and "
+                        "start again, or start with --new-installation-key to set those objects "
+                        "aside and begin afresh");
+      if (!writable)
+        return fail(kExitUsage, "cannot set aside the objects of TA(s) " + join(orphans) + ": " +
+                                    notes->read_only);
+      const std::string aside = lost_key_folder_name();
+      int r = set_aside(storage, orphans, aside);
+      if (r != 0)
+        return fail(kExitFailure, "cannot set aside the objects of TA(s) " + join(orphans) + " in " +
+                                      storage + "/" + aside + ": " + errno_text(-r));
+      notes->set_aside_in = storage + "/" + aside;
+      notes->set_aside_tas = orphans;
+    }
+    if (!writable)
+      return fail(kExitUsage, "there is no installation key in " + storage +
+                                  " and none can be made there: " + notes->read_only);
+  }
+  if (!load_or_create_installation_key(storage, &settings->installation_key, &notes->key_created,
+                                      &why))
+    return fail(kExitUsage, "installation key: " + why);
+  return {};
+}
+
 /* Everything between the options and the event loop. Fills settings and
- * listener, keeps the locks in `locks` for the daemon's lifetime, and tells
- * through key_created whether this start made the installation key. */
-Failure prepare(const Options& o, Settings* settings, UniqueFd* listener, UniqueFd locks[2],
-                std::string* socket_path, bool* key_created) {
+ * listener, keeps the pid file and the storage folder's lock for the
+ * daemon's lifetime, and collects in `notes` what to log once the log is
+ * open. */
+Failure prepare(const Options& o, Settings* settings, UniqueFd* listener, PidFile* pid_file,
+                UniqueFd* storage_lock, std::string* socket_path, StartNotes* notes) {
   Failure f = resolve_dir(o.ta_dir, "TA folder", &settings->ta_dir);
   if (f.failed()) return f;
 
@@ -252,17 +299,23 @@ Failure prepare(const Options& o, Settings* settings, UniqueFd* listener, Unique
                                 errno_text(errno) + ")");
   settings->emulator = o.emulator;
 
-  f = take_lock(*socket_path + ".lock", "another teesim already serves " + *socket_path,
-                kExitAlreadyRunning, &locks[0]);
-  if (f.failed()) return f;
-  f = take_lock(settings->storage_dir + "/.lock",
-                "storage folder " + settings->storage_dir + " is in use by another teesim",
-                kExitUsage, &locks[1]);
-  if (f.failed()) return f;
+  switch (pid_file->take(*socket_path + ".lock", &why)) {
+    case PidFile::Result::Taken: break;
+    case PidFile::Result::Busy:
+      return fail(kExitAlreadyRunning, "another teesim already serves " + *socket_path + " (" +
+                                           pid_file->describe_holder() + ")");
+    case PidFile::Result::Error: return fail(kExitUsage, why);
+  }
+  r = lock_storage_folder(settings->storage_dir, storage_lock);
+  if (r == -EWOULDBLOCK)
+    return fail(kExitUsage, "storage folder " + settings->storage_dir + " is in use by another teesim");
+  if (r != 0)
+    return fail(kExitUsage, "cannot lock the storage folder " + settings->storage_dir + ": " + errno_text(-r));
+  r = probe_writable(settings->storage_dir);
+  if (r != 0) notes->read_only = "storage folder " + settings->storage_dir + " cannot be written (" + errno_text(-r) + ")";
 
-  if (!load_or_create_installation_key(settings->storage_dir, &settings->installation_key,
-                                      key_created, &why))
-    return fail(kExitUsage, "installation key: " + why);
+  f = prepare_installation_key(o, settings->storage_dir, r == 0, settings, notes);
+  if (f.failed()) return f;
   f = tidy_storage(settings->storage_dir, o);
   if (f.failed()) return f;
   gid_t group = 0;
@@ -297,6 +350,19 @@ void report_to_parent(int status_fd, int code, const std::string& message) {
   std::string msg(1, static_cast<char>(code));
   msg += message;
   (void)::write(status_fd, msg.data(), msg.size());
+}
+
+void on_hangup(int) { (void)log::reopen(); }
+
+/* SIGHUP reopens the log file, so that it can be rotated (renamed, then
+ * the daemon told). */
+void reopen_log_on_hangup(const std::string& path) {
+  log::set_file(path.c_str());
+  struct sigaction sa{};
+  sa.sa_handler = on_hangup;
+  sa.sa_flags = SA_RESTART;
+  sigemptyset(&sa.sa_mask);
+  ::sigaction(SIGHUP, &sa, nullptr);
 }
 
 int redirect(int fd, const char* path, int flags) {
@@ -376,10 +442,11 @@ int run(int argc, char** argv) {
   settings.max_clients_per_user = o.max_clients_per_user;
   settings.max_operation_bytes = o.max_operation_bytes;
   settings.max_session_shm_bytes = o.max_session_shm_bytes;
-  UniqueFd listener, locks[2];
+  UniqueFd listener, storage_lock;
+  PidFile pid_file;
   std::string socket_path;
-  bool key_created = false;
-  Failure f = prepare(o, &settings, &listener, locks, &socket_path, &key_created);
+  StartNotes notes;
+  Failure f = prepare(o, &settings, &listener, &pid_file, &storage_lock, &socket_path, &notes);
   if (!f.failed() && !o.log_file.empty()) {
     int r = redirect(STDERR_FILENO, o.log_file.c_str(), O_WRONLY | O_APPEND | O_CREAT);
     if (r != 0) f = fail(kExitUsage, "cannot open the log file " + o.log_file + ": " + errno_text(-r));
@@ -391,13 +458,24 @@ int run(int argc, char** argv) {
       std::fprintf(stderr, "teesim: %s\n", f.message.c_str());
     }
     if (listener) ::unlink(socket_path.c_str());
+    pid_file.remove();
     return f.code;
   }
+  if (!o.log_file.empty()) reopen_log_on_hangup(o.log_file);
 
   // Logged only now, so that a --log-file receives it too.
-  if (key_created)
+  if (!notes.set_aside_in.empty())
+    TS_LOG_WARN("--new-installation-key: the installation key was missing; the objects of TA(s) %s, "
+                "which nothing can read without it, are set aside in %s",
+                join(notes.set_aside_tas).c_str(), notes.set_aside_in.c_str());
+  if (notes.key_present_anyway)
+    TS_LOG_INFO("--new-installation-key: the installation key is in place; nothing was set aside");
+  if (notes.key_created)
     TS_LOG_INFO("made a new installation key in %s/%s", settings.storage_dir.c_str(),
                 kInstallationKeyFile);
+  if (!notes.read_only.empty())
+    TS_LOG_WARN("%s: TAs can read their objects, and every write answers "
+                "TEE_ERROR_STORAGE_NOT_AVAILABLE", notes.read_only.c_str());
   if (o.has_random_seed)
     TS_LOG_WARN("TEE_GenerateRandom is DETERMINISTIC (--random-seed); TA keys are predictable");
   TS_LOG_INFO("teesim %s serving %s (TAs from %s, storage in %s)", TEESIM_VERSION,
@@ -419,6 +497,7 @@ int run(int argc, char** argv) {
 
   int code = serve(std::move(settings), std::move(listener));
   ::unlink(socket_path.c_str());
+  pid_file.remove();
   return code;
 }
 

@@ -16,7 +16,7 @@ namespace teesim::daemon {
 namespace {
 
 enum LongOnly { kLogFile = 256, kRandomSeed, kWipeStorage, kVersion, kSocketGroup, kEmulator,
-                kMaxClientsPerUser, kMaxOperationMemory, kMaxSessionShm };
+                kMaxClientsPerUser, kMaxOperationMemory, kMaxSessionShm, kNewInstallationKey };
 
 const option kOptions[] = {
     {"socket", required_argument, nullptr, 's'},
@@ -35,6 +35,7 @@ const option kOptions[] = {
     {"max-clients-per-user", required_argument, nullptr, kMaxClientsPerUser},
     {"max-operation-memory", required_argument, nullptr, kMaxOperationMemory},
     {"max-session-shm", required_argument, nullptr, kMaxSessionShm},
+    {"new-installation-key", no_argument, nullptr, kNewInstallationKey},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -115,11 +116,18 @@ std::string usage(const char* program) {
          "                           shared memory one session may keep mapped in its TA\n"
          "                           instance (default 256M); more: TEEC_ERROR_OUT_OF_MEMORY\n"
          "                           (SIZE: bytes, or with K, M or G; 4K to 2G)\n"
+         "      --new-installation-key\n"
+         "                           when the installation key is missing but TAs have objects\n"
+         "                           (which nothing can read without it), set them aside in\n"
+         "                           <storage>/lost-key-<time>/ and make a new key instead of\n"
+         "                           refusing to start\n"
          "  -h, --help               show this text\n"
          "      --version            show the version\n"
          "\n"
          "Exit status: 0 stopped cleanly (SIGTERM or SIGINT), 1 failed while running,\n"
-         "2 bad options, folders or files, 3 another teesim already serves the socket.\n";
+         "2 bad options, folders or files, 3 another teesim already serves the socket,\n"
+         "4 the installation key is missing while TAs have objects (see above).\n"
+         "SIGHUP reopens the log file (after log rotation).\n";
 }
 
 bool parse_options(int argc, char** argv, Options* out, std::string* error) {
@@ -190,6 +198,7 @@ bool parse_options(int argc, char** argv, Options* out, std::string* error) {
           return false;
         }
         break;
+      case kNewInstallationKey: o.new_installation_key = true; break;
       case ':':
         *error = std::string("option ") + argv[::optind - 1] + " needs a value";
         return false;

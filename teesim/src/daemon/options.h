@@ -15,6 +15,7 @@ inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailure = 1;      /* failed while running */
 inline constexpr int kExitUsage = 2;        /* bad options, folders or files */
 inline constexpr int kExitAlreadyRunning = 3; /* another teesim serves the socket */
+inline constexpr int kExitKeyLost = 4;      /* no installation key, but TAs have objects */
 
 /* Defaults of the limits a daemon enforces (see --help). */
 inline constexpr unsigned kDefaultMaxClientsPerUser = 512;
@@ -38,6 +39,7 @@ struct Options {
   unsigned max_clients_per_user = kDefaultMaxClientsPerUser;
   uint32_t max_operation_bytes = kDefaultMaxOperationBytes;
   uint32_t max_session_shm_bytes = kDefaultMaxSessionShmBytes;
+  bool new_installation_key = false; /* a missing key with objects left: set them aside */
 };
 
 /* Parses argv (argv[0] is the program). Unset folders take the defaults of

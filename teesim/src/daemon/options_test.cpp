@@ -39,6 +39,9 @@ TEST(DaemonOptions, EveryOptionIsRead) {
   ASSERT_EQ(o.wipe.size(), 2u);
   EXPECT_EQ(o.wipe[0], "58d50001-1105-000b-af0c-c12fb6edecca");
   EXPECT_EQ(o.wipe[1], "all");
+  EXPECT_FALSE(o.new_installation_key);
+  ASSERT_TRUE(parse({"--new-installation-key"}, &o, &err)) << err;
+  EXPECT_TRUE(o.new_installation_key);
 }
 
 TEST(DaemonOptions, DefaultsComeFromTheEnvironment) {
@@ -105,7 +108,8 @@ TEST(DaemonOptions, TheSocketIsPrivateUnlessAGroupIsNamed) {
 TEST(DaemonOptions, HelpNamesEveryOption) {
   std::string text = usage("teesim");
   for (const char* opt : {"--socket", "--socket-group", "--ta-dir", "--storage-dir", "--foreground", "--background",
-                          "--log-level", "--log-file", "--random-seed", "--wipe-storage", "--help"})
+                          "--log-level", "--log-file", "--random-seed", "--wipe-storage", "--new-installation-key",
+                          "--help"})
     EXPECT_NE(text.find(opt), std::string::npos) << opt;
 }
 

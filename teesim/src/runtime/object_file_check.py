@@ -3,8 +3,9 @@
 
 usage: object_file_check.py <file> <storage_key_hex> <name_key_hex> <ta_uuid_hex> <id_hex> <data_hex>
 Exits 0 when the file's name is HMAC-SHA-256(name_key, id) in hex + ".obj",
-its header is the documented one, and AES-256-GCM with the storage key
-opens it to u32 id_len | id | data with exactly the expected id and data.
+its header is the documented one (format 2), and AES-256-GCM with the
+storage key opens it to u64 generation | u32 id_len | id | data with a
+generation above zero and exactly the expected id and data.
 """
 import hashlib
 import hmac
@@ -24,11 +25,15 @@ def main():
         sys.exit("file name %s, expected %s" % (os.path.basename(path), expected_name))
     blob = open(path, "rb").read()
     header, nonce, body, tag = blob[:8], blob[8:20], blob[20:-16], blob[-16:]
-    if header != b"TSOB\x01\x00\x00\x00":
+    if header != b"TSOB\x02\x00\x00\x00":
         sys.exit("bad header %r" % header)
     cipher = AES.new(skey, AES.MODE_GCM, nonce=nonce)
     cipher.update(header + uuid)
     plain = cipher.decrypt_and_verify(body, tag)
+    (generation,) = struct.unpack("<Q", plain[:8])
+    if generation == 0:
+        sys.exit("no generation")
+    plain = plain[8:]
     (id_len,) = struct.unpack("<I", plain[:4])
     if plain[4:4 + id_len] != oid or id_len != len(oid):
         sys.exit("id mismatch")

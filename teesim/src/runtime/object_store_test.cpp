@@ -1,7 +1,10 @@
 /* The object store: objects load back, ids and data never show on disk, any
- * tampering reads as corrupt, and an independent reader (object_file_check.py)
+ * tampering reads as corrupt, so does an older copy put back (the generation
+ * record), and an independent reader (object_file_check.py)
  * decodes the file format. */
 #include "runtime/object_store.h"
+
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -10,6 +13,9 @@
 #include <string>
 #include <vector>
 
+#include "common/crypto.h"
+#include "common/fs.h"
+#include "runtime/generation_record.h"
 #include "runtime/test_support.h"
 #include "tessera/testing/hex.h"
 #include "teesim/testing/temp_folder.h"
@@ -178,6 +184,113 @@ TEST_F(ObjectStoreTest, OversizedDataIsRefused) {
   std::vector<uint8_t> big(kMaxObjectData + 1);
   EXPECT_EQ(store_.save("big", 3, big.data(), big.size(), false), TEE_ERROR_STORAGE_NO_SPACE);
   EXPECT_EQ(store_.exists("big", 3), TEE_ERROR_ITEM_NOT_FOUND);
+}
+
+/* ---- rollback: the generation record ---- */
+
+TEST_F(ObjectStoreTest, AnOlderCopyPutBackIsReportedCorrupt) {
+  ASSERT_EQ(save("pin-tries", "0"), TEE_SUCCESS);
+  const auto fresh = read_all(path_of("pin-tries"));
+  ASSERT_EQ(save("pin-tries", "1"), TEE_SUCCESS);
+  const auto latest = read_all(path_of("pin-tries"));
+  ASSERT_EQ(save("pin-tries", "2"), TEE_SUCCESS);
+  std::string data;
+  write_all(path_of("pin-tries"), fresh);
+  EXPECT_EQ(load("pin-tries", &data), TEE_ERROR_CORRUPT_OBJECT);
+  write_all(path_of("pin-tries"), latest);
+  EXPECT_EQ(load("pin-tries", &data), TEE_ERROR_CORRUPT_OBJECT) << "one write back is older too";
+  ASSERT_EQ(save("pin-tries", "3"), TEE_SUCCESS);
+  ASSERT_EQ(load("pin-tries", &data), TEE_SUCCESS);
+  EXPECT_EQ(data, "3");
+}
+
+TEST_F(ObjectStoreTest, ADeletedObjectsFilePutBackStaysDeleted) {
+  ASSERT_EQ(save("seed", "old wallet"), TEE_SUCCESS);
+  const auto file = read_all(path_of("seed"));
+  ASSERT_EQ(store_.remove("seed", 4), TEE_SUCCESS);
+  write_all(path_of("seed"), file);
+  std::string data;
+  EXPECT_EQ(load("seed", &data), TEE_ERROR_ITEM_NOT_FOUND);
+  ASSERT_EQ(save("seed", "new wallet"), TEE_SUCCESS) << "made again after its deletion";
+  ASSERT_EQ(load("seed", &data), TEE_SUCCESS);
+  EXPECT_EQ(data, "new wallet");
+}
+
+TEST_F(ObjectStoreTest, AFileRemovedBehindTheStoresBackIsReportedCorrupt) {
+  ASSERT_EQ(save("pin-tries", "2"), TEE_SUCCESS);
+  ASSERT_EQ(::unlink(path_of("pin-tries").c_str()), 0);
+  std::string data;
+  EXPECT_EQ(load("pin-tries", &data), TEE_ERROR_CORRUPT_OBJECT);
+}
+
+TEST_F(ObjectStoreTest, ARemovedOrDamagedRecordIsNoticed) {
+  ASSERT_EQ(save("obj", "data"), TEE_SUCCESS);
+  const std::string record = store_.dir() + "/" + kGenerationRecordFile;
+  const auto good = read_all(record);
+  std::string data;
+  ASSERT_EQ(::unlink(record.c_str()), 0);
+  EXPECT_EQ(load("obj", &data), TEE_ERROR_CORRUPT_OBJECT);
+  auto bad = good;
+  bad[bad.size() / 2] ^= 0x01;
+  write_all(record, bad);
+  EXPECT_EQ(load("obj", &data), TEE_ERROR_CORRUPT_OBJECT);
+  EXPECT_EQ(save("obj", "more"), TEE_ERROR_CORRUPT_OBJECT) << "nothing is written over it";
+  write_all(record, good);
+  ASSERT_EQ(load("obj", &data), TEE_SUCCESS);
+  EXPECT_EQ(data, "data");
+}
+
+TEST_F(ObjectStoreTest, AWriteWhoseRecordUpdateWasCutShortStillReads) {
+  ASSERT_EQ(save("a", "1"), TEE_SUCCESS);
+  const std::string record = store_.dir() + "/" + kGenerationRecordFile;
+  const auto before = read_all(record);
+  ASSERT_EQ(save("a", "2"), TEE_SUCCESS);
+  write_all(record, before); /* as if the process died between the two writes */
+  std::string data;
+  ASSERT_EQ(load("a", &data), TEE_SUCCESS);
+  EXPECT_EQ(data, "2");
+  ASSERT_EQ(save("b", "x"), TEE_SUCCESS);
+  ASSERT_EQ(load("a", &data), TEE_SUCCESS);
+  EXPECT_EQ(data, "2");
+}
+
+TEST_F(ObjectStoreTest, ARecordRolledBackWithTheObjectsIsNotNoticed) {
+  /* The documented limit: nothing outside the folder remembers. */
+  ASSERT_EQ(save("pin-tries", "0"), TEE_SUCCESS);
+  const std::string record = store_.dir() + "/" + kGenerationRecordFile;
+  const auto old_file = read_all(path_of("pin-tries")), old_record = read_all(record);
+  ASSERT_EQ(save("pin-tries", "1"), TEE_SUCCESS);
+  write_all(path_of("pin-tries"), old_file);
+  write_all(record, old_record);
+  std::string data;
+  ASSERT_EQ(load("pin-tries", &data), TEE_SUCCESS);
+  EXPECT_EQ(data, "0");
+}
+
+TEST_F(ObjectStoreTest, FilesOfTheFirstFormatStillRead) {
+  /* Format 1: no generation in the file, written before records existed. */
+  const std::string id = "legacy", data = "from an older teesim";
+  std::vector<uint8_t> plain(4 + id.size() + data.size());
+  plain[0] = static_cast<uint8_t>(id.size());
+  std::memcpy(plain.data() + 4, id.data(), id.size());
+  std::memcpy(plain.data() + 4 + id.size(), data.data(), data.size());
+  std::vector<uint8_t> file(20 + plain.size() + 16, 0);
+  std::memcpy(file.data(), "TSOB\x01\0\0\0", 8);
+  for (int i = 0; i < 12; ++i) file[8 + i] = static_cast<uint8_t>(i);
+  uint8_t aad[8 + 16];
+  std::memcpy(aad, file.data(), 8);
+  std::memcpy(aad + 8, pattern_uuid(0x10).bytes.data(), 16);
+  ASSERT_TRUE(crypto::aes256gcm_seal(file.data() + 20, file.data() + 20 + plain.size(),
+                                     pattern_key(1).data(), file.data() + 8, aad, sizeof aad,
+                                     plain.data(), plain.size()));
+  ASSERT_EQ(fs::make_dirs(store_.dir(), 0700), 0);
+  write_all(path_of(id), file);
+  std::string got;
+  ASSERT_EQ(load(id, &got), TEE_SUCCESS);
+  EXPECT_EQ(got, data);
+  ASSERT_EQ(save("other", "x"), TEE_SUCCESS) << "the TA's first record";
+  ASSERT_EQ(load(id, &got), TEE_SUCCESS) << "an old file with no entry is its latest write";
+  EXPECT_EQ(got, data);
 }
 
 TEST_F(ObjectStoreTest, AnIndependentReaderOpensTheFile) {

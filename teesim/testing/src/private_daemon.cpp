@@ -36,7 +36,9 @@ using Clock = std::chrono::steady_clock;
 /* Only a daemon that is broken takes this long to serve, even under the
  * sanitizers on a busy machine. */
 constexpr auto kStartDeadline = std::chrono::seconds(60);
-constexpr auto kStopGrace = std::chrono::seconds(5);
+/* A clean stop gives the TA instances a few seconds to end; only a hung
+ * daemon needs more than this. */
+constexpr auto kStopGrace = std::chrono::seconds(60);
 constexpr auto kPollPause = std::chrono::milliseconds(5);
 
 std::string ReadText(const std::string& path) {

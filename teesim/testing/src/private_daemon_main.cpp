@@ -9,7 +9,7 @@
  *   ready socket=<path> folder=<dir> storage=<dir> log=<path> client_log=<path> pid=<n>
  * then answers commands read from stdin, one per line (blank lines are
  * ignored):
- *   stop    SIGTERM (SIGKILL after 5 s)   -> "stopped <exit status>" (-1: was not running)
+ *   stop    SIGTERM (SIGKILL after 60 s)  -> "stopped <exit status>" (-1: was not running)
  *   kill    SIGKILL                       -> "stopped <exit status>" (137, or -1)
  *   start   start again, same folder and storage -> the ready line, or
  *           "failed <reason>"
@@ -85,8 +85,9 @@ void Serve(PrivateDaemon& d, const std::vector<std::string>& extra, int signals)
       if (command == "stop") {
         Reply("stopped " + std::to_string(d.Stop()));
       } else if (command == "kill") {
-        /* Kill() reaps the daemon itself: a separate kill(2) and Stop()
-         * could lose the status to the reaping in Pid(). */
+        /* Kill() reaps what it killed itself: sending SIGKILL here and
+         * reaping in Stop() raced with the kernel ending the process (a
+         * daemon already gone counts as not running: -1). */
         Reply("stopped " + std::to_string(d.Kill()));
       } else if (command == "start") {
         Reply(d.Start(extra) ? ReadyLine(d) : "failed " + FirstLine(d.Error()));

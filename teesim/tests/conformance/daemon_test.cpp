@@ -29,7 +29,9 @@ TEST(DaemonCommand, HelpDescribesEveryOption) {
   EXPECT_EQ(d.RunCommand({"--help"}, &out), 0);
   for (const char* opt : {"--socket", "--ta-dir", "--storage-dir", "--foreground", "--background",
                           "--log-level", "--random-seed", "--wipe-storage", "--emulator",
-                          "TEESIM_SOCKET", "TEESIM_EMULATOR"})
+                          "--new-installation-key", "--max-clients-per-user",
+                          "--max-operation-memory", "--max-session-shm", "TEESIM_SOCKET",
+                          "TEESIM_EMULATOR"})
     EXPECT_NE(out.find(opt), std::string::npos) << opt;
 }
 
@@ -152,6 +154,45 @@ TEST(DaemonCommand, TheBackgroundModeReturnsOnceServing) {
                           &err),
             2);
   EXPECT_NE(err.find("TA folder /nonexistent/tas"), std::string::npos) << err;
+}
+
+TEST(DaemonCommand, ThePidFileNamesTheDaemonAndGoesWithACleanStop) {
+  PrivateDaemon d;
+  const std::string pid_file = d.Socket() + ".lock";
+  ASSERT_TRUE(d.Start()) << d.Error();
+  EXPECT_EQ(read_text(pid_file), std::to_string(d.Pid()) + "\n");
+  EXPECT_EQ(d.Stop(), 0);
+  EXPECT_FALSE(fs::exists(pid_file)) << "a clean stop removes the pid file";
+
+  /* A crash leaves the file with a dead pid; it does not stand in the way. */
+  ASSERT_TRUE(d.Start()) << d.Error();
+  const pid_t crashed = d.Pid();
+  d.Kill();
+  EXPECT_EQ(read_text(pid_file), std::to_string(crashed) + "\n");
+  ASSERT_TRUE(d.Start()) << d.Error();
+  EXPECT_EQ(read_text(pid_file), std::to_string(d.Pid()) + "\n");
+  EXPECT_EQ(d.Stop(), 0);
+
+  /* Nor does a file naming a live process that is not a teesim (ours). */
+  std::ofstream(pid_file) << ::getpid() << "\n";
+  ASSERT_TRUE(d.Start()) << d.Error();
+  EXPECT_EQ(read_text(pid_file), std::to_string(d.Pid()) + "\n");
+}
+
+TEST(DaemonCommand, SighupReopensTheLogFileForRotation) {
+  PrivateDaemon d;
+  ASSERT_TRUE(d.Start()) << d.Error();
+  ASSERT_TRUE(eventually([&] { return d.LogText().find("serving") != std::string::npos; }));
+  const std::string rotated = d.LogPath() + ".1";
+  fs::rename(d.LogPath(), rotated);
+  ASSERT_EQ(::kill(d.Pid(), SIGHUP), 0);
+  /* The new file appears when the daemon has reopened its log. */
+  ASSERT_TRUE(eventually([&] { return fs::exists(d.LogPath()); })) << "no new log file";
+  EXPECT_EQ(d.Stop(), 0) << "SIGHUP does not end the daemon";
+  EXPECT_NE(d.LogText().find("teesim stopped"), std::string::npos) << "the next lines go to the new file";
+  const std::string old = read_text(rotated);
+  EXPECT_NE(old.find("serving"), std::string::npos) << old;
+  EXPECT_EQ(old.find("teesim stopped"), std::string::npos) << old;
 }
 
 std::string random_bytes(size_t n) {

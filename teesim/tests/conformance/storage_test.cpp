@@ -1,5 +1,6 @@
 /* Persistent objects end to end: round trips, encryption at rest, tamper
- * detection, crash safety under kill -9, wiping. */
+ * and rollback detection, crash safety under kill -9, wiping, a lost
+ * installation key, a read-only storage folder. */
 #include <dirent.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -59,10 +60,14 @@ std::vector<std::string> files_in(const std::string& dir) {
   return out;
 }
 
-/* The file a step added to a folder (tests share a daemon when run in one process). */
+/* The object file a step added to a folder (tests share a daemon when run
+ * in one process; the TA's generation record is not an object file). */
 std::string added_file(const std::vector<std::string>& before, const std::vector<std::string>& after) {
+  const std::string suffix = ".obj";
   for (const std::string& f : after)
-    if (std::find(before.begin(), before.end(), f) == before.end()) return f;
+    if (std::find(before.begin(), before.end(), f) == before.end() && f.size() > suffix.size() &&
+        f.compare(f.size() - suffix.size(), suffix.size(), suffix) == 0)
+      return f;
   return "";
 }
 
@@ -156,6 +161,34 @@ TEST_F(Storage, SwappedObjectFilesAreReportedCorrupt) {
   EXPECT_EQ(data, "value of b");
 }
 
+TEST_F(Storage, AnOlderCopyOfAnObjectFilePutBackIsReportedCorrupt) {
+  Client c;
+  ASSERT_RESULT(c.open(kTestTa), TEEC_SUCCESS);
+  uint32_t origin = 0;
+  const std::string dir = ta_storage(daemon(), TEST_TA_UUID_TEXT);
+  auto before = files_in(dir);
+  ASSERT_RESULT(put(c.session(), "pin-tries", "0 failed tries", &origin), TEEC_SUCCESS);
+  const std::string path = dir + "/" + added_file(before, files_in(dir));
+  const std::string fresh = read_text(path);
+  ASSERT_RESULT(put(c.session(), "pin-tries", "3 failed tries: locked", &origin), TEEC_SUCCESS);
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << fresh;
+  std::string data;
+  EXPECT_OUTCOME(get(c.session(), "pin-tries", &data, &origin), origin,
+                 0xF0100001u /* TEE_ERROR_CORRUPT_OBJECT */, TEEC_ORIGIN_TRUSTED_APP);
+  EXPECT_NE(daemon().LogText().find("is not its latest write (an older copy of it was put back"),
+            std::string::npos);
+
+  /* A deleted object's file put back stays deleted. */
+  before = files_in(dir);
+  ASSERT_RESULT(put(c.session(), "deleted-seed", "old wallet", &origin), TEEC_SUCCESS);
+  const std::string seed_path = dir + "/" + added_file(before, files_in(dir));
+  const std::string seed = read_text(seed_path);
+  ASSERT_RESULT(del(c.session(), "deleted-seed", &origin), TEEC_SUCCESS);
+  std::ofstream(seed_path, std::ios::binary | std::ios::trunc) << seed;
+  EXPECT_OUTCOME(get(c.session(), "deleted-seed", &data, &origin), origin, TEEC_ERROR_ITEM_NOT_FOUND,
+                 TEEC_ORIGIN_TRUSTED_APP);
+}
+
 TEST(StorageRestart, ObjectsSurviveTheDaemonAndWipingRemovesThem) {
   PrivateDaemon d;
   ASSERT_TRUE(d.Start()) << d.Error();
@@ -196,6 +229,141 @@ TEST(StorageRestart, ObjectsSurviveTheDaemonAndWipingRemovesThem) {
     EXPECT_OUTCOME(get(k.session(), "y", &data, &origin), origin, TEEC_ERROR_ITEM_NOT_FOUND,
                    TEEC_ORIGIN_TRUSTED_APP);
   }
+}
+
+/* ---- a lost installation key ------------------------------------------------------ */
+
+size_t count_of(const std::string& text, const std::string& what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
+
+TEST(StorageKeyLost, ADaemonRefusesToOrphanObjectsUntilToldToStartAfresh) {
+  PrivateDaemon d;
+  ASSERT_TRUE(d.Start()) << d.Error();
+  use_daemon(d);
+  uint32_t origin = 0;
+  const std::string dir = ta_storage(d, TEST_TA_UUID_TEXT);
+  {
+    Client c;
+    ASSERT_RESULT(c.open(kTestTa), TEEC_SUCCESS);
+    ASSERT_RESULT(put(c.session(), "wallet", "the only copy", &origin), TEEC_SUCCESS);
+  }
+  ASSERT_EQ(d.Stop(), 0);
+  const std::vector<std::string> objects = files_in(dir);
+  const std::string key = d.StorageDir() + "/installation.key";
+  ASSERT_TRUE(fs::remove(key));
+
+  std::string err;
+  std::vector<std::string> args = {"--foreground", "--socket", d.Socket(), "--ta-dir", d.TaDir(),
+                                   "--storage-dir", d.StorageDir()};
+  EXPECT_EQ(d.RunCommand(args, &err), 4);
+  EXPECT_NE(err.find("the installation key " + key + " is missing, but TA(s) " TEST_TA_UUID_TEXT
+                     " have persistent objects"),
+            std::string::npos)
+      << err;
+  EXPECT_NE(err.find("--new-installation-key"), std::string::npos) << err;
+  EXPECT_FALSE(fs::exists(key)) << "no new key was made";
+  EXPECT_EQ(files_in(dir), objects) << "the objects are untouched";
+
+  ASSERT_TRUE(d.Start({"--new-installation-key"})) << d.Error();
+  EXPECT_TRUE(fs::exists(key));
+  {
+    Client c;
+    ASSERT_RESULT(c.open(kTestTa), TEEC_SUCCESS);
+    std::string data;
+    EXPECT_OUTCOME(get(c.session(), "wallet", &data, &origin), origin, TEEC_ERROR_ITEM_NOT_FOUND,
+                   TEEC_ORIGIN_TRUSTED_APP);
+  }
+  ASSERT_EQ(d.Stop(), 0);
+  const std::string log = d.LogText();
+  const std::string said = "the objects of TA(s) " TEST_TA_UUID_TEXT
+                           ", which nothing can read without it, are set aside in " ;
+  const size_t at = log.find(said);
+  ASSERT_NE(at, std::string::npos) << log;
+  const std::string aside = log.substr(at + said.size(), log.find('\n', at) - at - said.size());
+  EXPECT_EQ(aside.rfind(d.StorageDir() + "/lost-key-", 0), 0u) << aside;
+  EXPECT_EQ(files_in(aside + "/" TEST_TA_UUID_TEXT), objects) << "set aside whole, not deleted";
+
+  /* The new key is kept: later starts need no option. */
+  ASSERT_TRUE(d.Start()) << d.Error();
+}
+
+/* ---- a read-only storage folder --------------------------------------------------- */
+
+/* A stand-in for teesim that runs it with its storage folder bind-mounted
+ * read-only over itself, in a mount namespace of its own (so as root only),
+ * while <folder>/read-only exists; otherwise it runs teesim as it is. */
+std::string read_only_wrapper(const std::string& folder) {
+  const std::string path = folder + "/teesim-read-only.sh";
+  std::ofstream(path) << "#!/bin/sh\n"
+                         "[ -e '" << folder << "/read-only' ] || exec '" << teesim::testing::BuiltDaemon()
+                      << "' \"$@\"\n"
+                         "storage= prev=\n"
+                         "for a in \"$@\"; do [ \"$prev\" = --storage-dir ] && storage=$a; prev=$a; done\n"
+                         "exec unshare --mount --propagation private /bin/sh -c "
+                         "'mount --bind -o ro \"$1\" \"$1\" && shift && exec \"$@\"' sh \"$storage\" '"
+                      << teesim::testing::BuiltDaemon() << "' \"$@\"\n";
+  ::chmod(path.c_str(), 0700);
+  return path;
+}
+
+TEST(StorageReadOnly, ReadsAreServedAndWritesAnswerStorageNotAvailable) {
+  teesim::testing::TempFolder scripts;
+  PrivateDaemon::Options o;
+  /* Root writes through any permission: only a read-only mount stops it. */
+  const bool root = ::geteuid() == 0;
+  if (root) o.daemon = read_only_wrapper(scripts.path());
+  PrivateDaemon d(o);
+  const std::string dir = ta_storage(d, TEST_TA_UUID_TEXT);
+  uint32_t origin = 0;
+  ASSERT_TRUE(d.Start()) << d.Error();
+  use_daemon(d);
+  {
+    Client c;
+    ASSERT_RESULT(c.open(kTestTa), TEEC_SUCCESS);
+    ASSERT_RESULT(put(c.session(), "kept", "written before", &origin), TEEC_SUCCESS);
+  }
+  ASSERT_EQ(d.Stop(), 0);
+  const size_t lines_before = count_of(d.LogText(), "\n");
+
+  if (root) {
+    std::ofstream(scripts.path() + "/read-only") << "";
+  } else {
+    ASSERT_EQ(::chmod(dir.c_str(), 0500), 0);
+    ASSERT_EQ(::chmod(d.StorageDir().c_str(), 0500), 0);
+  }
+  const bool started = d.Start();
+  if (started) {
+    Client c;
+    ASSERT_RESULT(c.open(kTestTa), TEEC_SUCCESS);
+    std::string data;
+    ASSERT_RESULT(get(c.session(), "kept", &data, &origin), TEEC_SUCCESS);
+    EXPECT_EQ(data, "written before");
+    for (const char* id : {"kept", "new"}) {
+      EXPECT_OUTCOME(put(c.session(), id, "written after", &origin), origin,
+                     0xF0100003u /* TEE_ERROR_STORAGE_NOT_AVAILABLE */, TEEC_ORIGIN_TRUSTED_APP)
+          << id;
+    }
+    EXPECT_OUTCOME(del(c.session(), "kept", &origin), origin, 0xF0100003u, TEEC_ORIGIN_TRUSTED_APP);
+    ASSERT_RESULT(get(c.session(), "kept", &data, &origin), TEEC_SUCCESS);
+    EXPECT_EQ(data, "written before");
+  }
+  const int status = d.Stop();
+  if (!root) {
+    ::chmod(d.StorageDir().c_str(), 0700);
+    ::chmod(dir.c_str(), 0700);
+  }
+  ASSERT_TRUE(started) << d.Error();
+  EXPECT_EQ(status, 0);
+  /* Why, once from the daemon and once from the TA instance, not per write. */
+  std::string log = d.LogText();
+  size_t skip = 0;
+  for (size_t n = 0; n < lines_before; ++n) skip = log.find('\n', skip) + 1;
+  log = log.substr(skip);
+  EXPECT_EQ(count_of(log, "cannot be written ("), 2u) << log;
+  EXPECT_EQ(count_of(log, "every write answers TEE_ERROR_STORAGE_NOT_AVAILABLE"), 1u) << log;
 }
 
 /* ---- crash safety ----------------------------------------------------------------- */

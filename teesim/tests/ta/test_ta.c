@@ -322,6 +322,8 @@ TEE_Result TA_InvokeCommandEntryPoint(void* ctx, uint32_t cmd, uint32_t types, T
       return TEE_SUCCESS;
     case TEST_CMD_SLEEP:
       if (types != P(VIN, NONE, NONE, NONE)) return TEE_ERROR_BAD_PARAMETERS;
+      /* Tests wait for this line to know that the command is running. */
+      TEE_Trace(TEE_TRACE_DEBUG, "sleeping for %u ms", (unsigned)p[0].value.a);
       usleep(p[0].value.a * 1000u);
       return TEE_SUCCESS;
     case TEST_CMD_INFO: return info_cmd(types, p);

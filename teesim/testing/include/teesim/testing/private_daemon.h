@@ -80,8 +80,9 @@ class PrivateDaemon {
   [[nodiscard]] bool Start(const std::vector<std::string>& extra_args = {});
 
   /* Sends SIGTERM and reaps the daemon; SIGKILL when it has not ended
-   * within 5 s. Returns its exit status (128 + signal number when a signal
-   * ended it), or -1 when it was not running. */
+   * within 60 s (only a hung daemon takes that long). Returns its exit
+   * status (128 + signal number when a signal ended it), or -1 when it was
+   * not running. */
   int Stop();
 
   /* Sends SIGKILL and reaps the daemon (the TA instances it started end

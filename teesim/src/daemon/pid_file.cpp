@@ -1,0 +1,107 @@
+/* The daemon's pid file and its lock; see pid_file.h. */
+#include "daemon/pid_file.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+namespace teesim::daemon {
+namespace {
+
+/* How often a file removed under us is opened afresh before giving up: each
+ * round needs its previous owner to stop exactly between our open and our
+ * lock, so a second round is already rare. */
+constexpr int kOpenRounds = 8;
+
+pid_t read_pid(int fd) {
+  char buf[32] = {};
+  ssize_t n = ::pread(fd, buf, sizeof buf - 1, 0);
+  if (n <= 0) return 0;
+  long v = 0;
+  for (ssize_t i = 0; i < n && buf[i] >= '0' && buf[i] <= '9'; ++i) {
+    v = v * 10 + (buf[i] - '0');
+    if (v > 0x3fffffff) return 0;
+  }
+  return static_cast<pid_t>(v);
+}
+
+/* The descriptor still names the file at `path` (its owner has not removed
+ * or replaced it since we opened it). */
+bool still_at_path(int fd, const std::string& path) {
+  struct stat held{}, named{};
+  if (::fstat(fd, &held) != 0 || ::lstat(path.c_str(), &named) != 0) return false;
+  return held.st_dev == named.st_dev && held.st_ino == named.st_ino;
+}
+
+std::string describe(pid_t pid) {
+  if (pid <= 0) return "a process that wrote no pid into it";
+  if (is_running_teesim(pid)) return "pid " + std::to_string(pid);
+  if (::kill(pid, 0) == 0 || errno == EPERM)
+    return "a process that is not teesim (the file names pid " + std::to_string(pid) + ")";
+  return "a process outside our view (the file names pid " + std::to_string(pid) +
+         ", which is not running here)";
+}
+
+}  // namespace
+
+bool is_running_teesim(pid_t pid) {
+  if (pid <= 0) return false;
+  char path[64];
+  std::snprintf(path, sizeof path, "/proc/%d/comm", static_cast<int>(pid));
+  FILE* f = std::fopen(path, "re");
+  if (f == nullptr) return false;
+  char comm[32] = {};
+  bool ok = std::fgets(comm, sizeof comm, f) != nullptr;
+  std::fclose(f);
+  return ok && std::strcmp(comm, "teesim\n") == 0;
+}
+
+PidFile::Result PidFile::take(const std::string& path, std::string* error) {
+  holder_ = 0;
+  holder_text_.clear();
+  for (int round = 0; round < kOpenRounds; ++round) {
+    UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!fd) {
+      *error = "cannot open " + path + ": " + std::strerror(errno);
+      return Result::Error;
+    }
+    if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+      if (errno != EWOULDBLOCK) {
+        *error = "cannot lock " + path + ": " + std::strerror(errno);
+        return Result::Error;
+      }
+      holder_ = read_pid(fd.get());
+      holder_text_ = describe(holder_);
+      return Result::Busy;
+    }
+    if (!still_at_path(fd.get(), path)) continue; /* removed by its stopping owner */
+    std::string pid = std::to_string(::getpid()) + "\n";
+    if (::ftruncate(fd.get(), 0) != 0 ||
+        ::pwrite(fd.get(), pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size())) {
+      *error = "cannot write " + path + ": " + std::strerror(errno);
+      return Result::Error;
+    }
+    fd_ = std::move(fd);
+    path_ = path;
+    return Result::Taken;
+  }
+  *error = "cannot lock " + path + ": it keeps being replaced";
+  return Result::Error;
+}
+
+void PidFile::remove() {
+  if (!fd_) return;
+  /* Unlinked before the lock goes: a starting daemon that opened this file
+   * finds it gone once it holds the lock, and opens the path afresh. */
+  if (still_at_path(fd_.get(), path_)) (void)::unlink(path_.c_str());
+  fd_.reset();
+}
+
+}  // namespace teesim::daemon
