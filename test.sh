@@ -8,6 +8,9 @@
 # packaged libteec. The full ARM suites: scripts/arm.sh arm64|armhf.
 set -eu
 cd "$(dirname "$0")"
+# Every clone of the tree shares ccache's entries: paths are hashed relative
+# to the tree, and the build folder's own path does not enter the hash.
+export CCACHE_BASEDIR="${CCACHE_BASEDIR:-$(pwd)}" CCACHE_NOHASHDIR="${CCACHE_NOHASHDIR:-1}"
 scripts/install-deps.sh test arm64 device
 for preset in default asan; do
   echo "==> $preset build"
