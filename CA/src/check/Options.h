@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "SecretBytes.h"
+#include "cases/SecretBytes.h"
 
 namespace check {
 

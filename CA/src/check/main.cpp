@@ -7,14 +7,14 @@
 #include <cstdlib>
 #include <string>
 
-#include "CaseRegistry.h"
-#include "FileOutput.h"
-#include "JsonReport.h"
-#include "JunitReport.h"
 #include "Options.h"
-#include "Runner.h"
-#include "Statistics.h"
-#include "TextReport.h"
+#include "cases/CaseRegistry.h"
+#include "report/FileOutput.h"
+#include "report/JsonReport.h"
+#include "report/JunitReport.h"
+#include "report/Statistics.h"
+#include "report/TextReport.h"
+#include "run/Runner.h"
 
 namespace {
 
