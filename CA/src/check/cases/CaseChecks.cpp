@@ -6,7 +6,9 @@
 #include <memory>
 #include <utility>
 
+#include "TestData.h"
 #include "cases/Describe.h"
+#include "cases/KeystoreCalls.h"
 #include "keystore_ta.h"
 
 namespace check {
@@ -66,6 +68,18 @@ bool CheckSignatureForm(CaseContext& ctx, const std::string& name, const Signatu
   const bool v_ok = v <= 1 ? ctx.Check(name + ": v is 0 or 1", true)
                            : ctx.Check(name + ": v is 0 or 1", false, "0 or 1", std::to_string(v));
   return low && v_ok;
+}
+
+void CheckAccountAgrees(CaseContext& ctx, unsigned account) {
+  const std::string path = keystore::PathText(account);
+  SecretBytes key = keystore::PrivateKey(ctx, account);
+  const Address address = keystore::GetAddress(ctx, account);
+  const unsigned char* digest = test::api_test_digest();
+  const Signature signature = keystore::Sign(ctx, account, digest, "sign the test digest at " + path);
+  CheckSignatureForm(ctx, "signature at " + path, signature);
+  DeferKeyGivesAddress(ctx, "address at " + path + " is that of its private key", std::move(key),
+                       address);
+  DeferSigner(ctx, "signature at " + path + " recovers to its address", digest, signature, address);
 }
 
 }  // namespace check

@@ -44,6 +44,13 @@ void DeferSigner(CaseContext& ctx, std::string name, const unsigned char digest[
 /* S is in the lower half of the group order and v is 0 or 1. */
 bool CheckSignatureForm(CaseContext& ctx, const std::string& name, const Signature& signature);
 
+/* Reads the private key and the address at `account` of the seed the
+ * keystore holds, signs the test digest there, and checks that the
+ * signature has the right form, that the key gives the address and that
+ * the signature recovers to it (the last two deferred). A failed call ends
+ * the case as the keystore calls do. */
+void CheckAccountAgrees(CaseContext& ctx, unsigned account);
+
 }  // namespace check
 
 #endif  // TESSERA_CHECK_CASECHECKS_H

@@ -3,7 +3,6 @@
 // for the keystore's own check, differs from the phrase before it, and its
 // private key, address and a recovered signer agree.
 #include <string>
-#include <utility>
 
 #include "TestData.h"
 #include "cases/CaseChecks.h"
@@ -41,17 +40,8 @@ void PhraseIsNew(CaseContext& ctx) {
 }
 
 void KeysAgree(CaseContext& ctx) {
-  constexpr unsigned kAccount = 0;
-  const std::string path = keystore::PathText(kAccount);
   keystore::Generate(ctx, "generate a seed");
-  SecretBytes key = keystore::PrivateKey(ctx, kAccount);
-  const Address address = keystore::GetAddress(ctx, kAccount);
-  const unsigned char* digest = test::api_test_digest();
-  const Signature signature = keystore::Sign(ctx, kAccount, digest, "sign the test digest at " + path);
-  CheckSignatureForm(ctx, "signature at " + path, signature);
-  DeferKeyGivesAddress(ctx, "address at " + path + " is that of its private key", std::move(key),
-                       address);
-  DeferSigner(ctx, "signature at " + path + " recovers to its address", digest, signature, address);
+  CheckAccountAgrees(ctx, 0);
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 // agree. Nothing of the operator's seed — phrase or key — is ever shown;
 // a failure shows addresses only.
 #include <string>
-#include <utility>
 
 #include "TestData.h"
 #include "TestDataTables.h"
@@ -36,16 +35,8 @@ void PhraseIsValid(CaseContext& ctx) {
 }
 
 void AccountAgrees(CaseContext& ctx, unsigned account) {
-  const std::string path = keystore::PathText(account);
   RestoreOwnSeed(ctx);
-  SecretBytes key = keystore::PrivateKey(ctx, account);
-  const Address address = keystore::GetAddress(ctx, account);
-  const unsigned char* digest = test::api_test_digest();
-  const Signature signature = keystore::Sign(ctx, account, digest, "sign the test digest at " + path);
-  CheckSignatureForm(ctx, "signature at " + path, signature);
-  DeferKeyGivesAddress(ctx, "address at " + path + " is that of its private key", std::move(key),
-                       address);
-  DeferSigner(ctx, "signature at " + path + " recovers to its address", digest, signature, address);
+  CheckAccountAgrees(ctx, account);
 }
 
 }  // namespace
