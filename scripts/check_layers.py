@@ -271,7 +271,10 @@ def main(argv):
     if len(argv) == 2 and argv[1] == "--self-test":
         suite = unittest.defaultTestLoader.loadTestsFromTestCase(SelfTest)
         return 0 if unittest.TextTestRunner(verbosity=1).run(suite).wasSuccessful() else 1
-    if len(argv) != 2:
+    if len(argv) == 2 and argv[1] in ("-h", "--help"):
+        sys.stdout.write(__doc__)
+        return 0
+    if len(argv) != 2 or argv[1].startswith("-"):
         sys.stderr.write(__doc__)
         return 2
     model, source_root = load_model(argv[1])
