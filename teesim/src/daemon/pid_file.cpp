@@ -40,6 +40,16 @@ bool still_at_path(int fd, const std::string& path) {
   return held.st_dev == named.st_dev && held.st_ino == named.st_ino;
 }
 
+/* Up to `limit` bytes of a /proc file; empty when it cannot be read. */
+std::string read_proc_text(const char* path, size_t limit) {
+  FILE* f = std::fopen(path, "re");
+  if (f == nullptr) return {};
+  std::string text(limit, '\0');
+  text.resize(std::fread(text.data(), 1, limit, f));
+  std::fclose(f);
+  return text;
+}
+
 std::string describe(pid_t pid) {
   if (pid <= 0) return "a process that wrote no pid into it";
   if (is_running_teesim(pid)) return "pid " + std::to_string(pid);
@@ -55,12 +65,18 @@ bool is_running_teesim(pid_t pid) {
   if (pid <= 0) return false;
   char path[64];
   std::snprintf(path, sizeof path, "/proc/%d/comm", static_cast<int>(pid));
-  FILE* f = std::fopen(path, "re");
-  if (f == nullptr) return false;
-  char comm[32] = {};
-  bool ok = std::fgets(comm, sizeof comm, f) != nullptr;
-  std::fclose(f);
-  return ok && std::strcmp(comm, "teesim\n") == 0;
+  const std::string comm = read_proc_text(path, 32);
+  if (comm == "teesim\n") return true;
+  /* A daemon built for another CPU runs under qemu-user, which keeps its
+   * own name: then the program is the emulator's first argument. */
+  if (comm.rfind("qemu-", 0) != 0) return false;
+  std::snprintf(path, sizeof path, "/proc/%d/cmdline", static_cast<int>(pid));
+  const std::string cmdline = read_proc_text(path, 4096);
+  const size_t first_end = cmdline.find('\0');
+  if (first_end == std::string::npos) return false;
+  const std::string program = cmdline.substr(first_end + 1, cmdline.find('\0', first_end + 1) - first_end - 1);
+  const size_t slash = program.rfind('/');
+  return program.substr(slash == std::string::npos ? 0 : slash + 1) == "teesim";
 }
 
 PidFile::Result PidFile::take(const std::string& path, std::string* error) {

@@ -56,7 +56,8 @@ class PidFile {
   std::string holder_text_;
 };
 
-/* True when `pid` is a running process whose command name is "teesim". */
+/* True when `pid` is a running process whose command name is "teesim", or
+ * a qemu-user emulator running a program named "teesim". */
 [[nodiscard]] bool is_running_teesim(pid_t pid);
 
 }  // namespace teesim::daemon

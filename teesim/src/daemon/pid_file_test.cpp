@@ -1,6 +1,10 @@
 /* The pid file: taken with our pid, refused while held, removed by a clean stop. */
 #include "daemon/pid_file.h"
 
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -64,6 +68,41 @@ TEST(PidFile, OnlyARunningTeesimCounts) {
   EXPECT_FALSE(is_running_teesim(::getpid())) << "this test program is not teesim";
   EXPECT_FALSE(is_running_teesim(0));
   EXPECT_FALSE(is_running_teesim(-1));
+}
+
+/* Runs `tail <folder>/<name>` under the command name "qemu-fake" (a link to
+ * tail), blocked on opening a FIFO; returns its pid. posix_spawn returns
+ * once the program runs, so its name and command line are in place. */
+pid_t spawn_as_emulator(const std::string& folder, const std::string& name) {
+  const std::string link = folder + "/qemu-fake", fifo = folder + "/" + name;
+  std::filesystem::create_symlink("/usr/bin/tail", link);
+  if (::mkfifo(fifo.c_str(), 0600) != 0) return -1;
+  std::string arg0 = link, arg1 = fifo;
+  char* argv[] = {arg0.data(), arg1.data(), nullptr};
+  pid_t pid = -1;
+  if (::posix_spawn(&pid, link.c_str(), nullptr, nullptr, argv, environ) != 0) return -1;
+  return pid;
+}
+
+void end(pid_t pid) {
+  ::kill(pid, SIGKILL);
+  ::waitpid(pid, nullptr, 0);
+}
+
+TEST(PidFile, ATeesimUnderAnEmulatorCounts) {
+  ::teesim::testing::TempFolder folder("teesim-pid");
+  const pid_t pid = spawn_as_emulator(folder.path(), "teesim");
+  ASSERT_GT(pid, 0);
+  EXPECT_TRUE(is_running_teesim(pid));
+  end(pid);
+}
+
+TEST(PidFile, AnEmulatorRunningAnotherProgramDoesNotCount) {
+  ::teesim::testing::TempFolder folder("teesim-pid");
+  const pid_t pid = spawn_as_emulator(folder.path(), "teesim-not");
+  ASSERT_GT(pid, 0);
+  EXPECT_FALSE(is_running_teesim(pid));
+  end(pid);
 }
 
 }  // namespace

@@ -154,7 +154,8 @@ bool PrivateDaemon::Start(const std::vector<std::string>& extra_args) {
     return false;
   }
   /* A daemon built for another CPU runs through the emulator (TEESIM_EMULATOR). */
-  std::vector<std::string> args = paths::emulator();
+  std::vector<std::string> args;
+  if (options_.through_emulator) args = paths::emulator();
   args.insert(args.end(), {options_.daemon, "--foreground", "--socket", socket_, "--ta-dir",
                            ta_dir_, "--storage-dir", storage_, "--log-file", log_});
   args.insert(args.end(), extra_args.begin(), extra_args.end());
@@ -247,7 +248,8 @@ int PrivateDaemon::RunCommand(const std::vector<std::string>& args, std::string*
   const std::string out_path = folder_.path() + "/command.out";
   const int out = ::open(out_path.c_str(), O_WRONLY | O_TRUNC | O_CREAT | O_CLOEXEC, 0600);
   if (out < 0) return -1;
-  std::vector<std::string> full = paths::emulator();
+  std::vector<std::string> full;
+  if (options_.through_emulator) full = paths::emulator();
   full.push_back(options_.daemon);
   full.insert(full.end(), args.begin(), args.end());
   /* Not tied to this thread: a --background daemon outlives the command. */

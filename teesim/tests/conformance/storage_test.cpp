@@ -294,16 +294,20 @@ TEST(StorageKeyLost, ADaemonRefusesToOrphanObjectsUntilToldToStartAfresh) {
 
 /* A stand-in for teesim that runs it with its storage folder bind-mounted
  * read-only over itself, in a mount namespace of its own (so as root only),
- * while <folder>/read-only exists; otherwise it runs teesim as it is. */
+ * while <folder>/read-only exists; otherwise it runs teesim as it is. The
+ * script runs on this machine; a daemon built for another CPU runs through
+ * $TEESIM_EMULATOR (its words split at spaces, as the daemon splits them). */
 std::string read_only_wrapper(const std::string& folder) {
   const std::string path = folder + "/teesim-read-only.sh";
   std::ofstream(path) << "#!/bin/sh\n"
-                         "[ -e '" << folder << "/read-only' ] || exec '" << teesim::testing::BuiltDaemon()
+                         "[ -e '" << folder << "/read-only' ] || exec ${TEESIM_EMULATOR-} '"
+                      << teesim::testing::BuiltDaemon()
                       << "' \"$@\"\n"
                          "storage= prev=\n"
                          "for a in \"$@\"; do [ \"$prev\" = --storage-dir ] && storage=$a; prev=$a; done\n"
                          "exec unshare --mount --propagation private /bin/sh -c "
-                         "'mount --bind -o ro \"$1\" \"$1\" && shift && exec \"$@\"' sh \"$storage\" '"
+                         "'mount --bind -o ro \"$1\" \"$1\" && shift && exec \"$@\"' sh \"$storage\" "
+                         "${TEESIM_EMULATOR-} '"
                       << teesim::testing::BuiltDaemon() << "' \"$@\"\n";
   ::chmod(path.c_str(), 0700);
   return path;
@@ -314,7 +318,10 @@ TEST(StorageReadOnly, ReadsAreServedAndWritesAnswerStorageNotAvailable) {
   PrivateDaemon::Options o;
   /* Root writes through any permission: only a read-only mount stops it. */
   const bool root = ::geteuid() == 0;
-  if (root) o.daemon = read_only_wrapper(scripts.path());
+  if (root) {
+    o.daemon = read_only_wrapper(scripts.path());
+    o.through_emulator = false;
+  }
   PrivateDaemon d(o);
   const std::string dir = ta_storage(d, TEST_TA_UUID_TEXT);
   uint32_t origin = 0;

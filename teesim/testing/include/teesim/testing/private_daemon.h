@@ -42,6 +42,10 @@ std::string BuiltTaDir();
 struct PrivateDaemonOptions {
   /* The teesim executable to run. */
   std::string daemon = BuiltDaemon();
+  /* Run `daemon` through TEESIM_EMULATOR when that is set (a build for
+   * another CPU). False for a wrapper script that runs on this machine and
+   * starts the emulated daemon itself. */
+  bool through_emulator = true;
   /* The TA folder it serves (or copies, with copy_tas). */
   std::string ta_dir = BuiltTaDir();
   /* Where the private folder is made: "" for $TMPDIR or /tmp; a tmpfs such
