@@ -1,6 +1,7 @@
 /* The pid file: taken with our pid, refused while held, removed by a clean stop. */
 #include "daemon/pid_file.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -9,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -70,39 +72,50 @@ TEST(PidFile, OnlyARunningTeesimCounts) {
   EXPECT_FALSE(is_running_teesim(-1));
 }
 
-/* Runs `tail <folder>/<name>` under the command name "qemu-fake" (a link to
- * tail), blocked on opening a FIFO; returns its pid. posix_spawn returns
- * once the program runs, so its name and command line are in place. */
-pid_t spawn_as_emulator(const std::string& folder, const std::string& name) {
+/* A `tail <folder>/<name>` running under the command name "qemu-fake" (a
+ * link to tail), blocked reading a FIFO that we hold open for writing. */
+struct FakeEmulator {
+  pid_t pid = -1;
+  int fifo_writer = -1;
+  ~FakeEmulator() {
+    if (pid > 0) {
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, nullptr, 0);
+    }
+    if (fifo_writer >= 0) ::close(fifo_writer);
+  }
+};
+
+/* Starts the fake emulator and returns once it has opened the FIFO, so its
+ * exec (name and command line included) is complete: posix_spawn returns
+ * before the kernel sets the new command name. */
+bool start(FakeEmulator& e, const std::string& folder, const std::string& name) {
   const std::string link = folder + "/qemu-fake", fifo = folder + "/" + name;
   std::filesystem::create_symlink("/usr/bin/tail", link);
-  if (::mkfifo(fifo.c_str(), 0600) != 0) return -1;
+  if (::mkfifo(fifo.c_str(), 0600) != 0) return false;
   std::string arg0 = link, arg1 = fifo;
   char* argv[] = {arg0.data(), arg1.data(), nullptr};
-  pid_t pid = -1;
-  if (::posix_spawn(&pid, link.c_str(), nullptr, nullptr, argv, environ) != 0) return -1;
-  return pid;
-}
-
-void end(pid_t pid) {
-  ::kill(pid, SIGKILL);
-  ::waitpid(pid, nullptr, 0);
+  if (::posix_spawn(&e.pid, link.c_str(), nullptr, nullptr, argv, environ) != 0) return false;
+  for (;;) {
+    e.fifo_writer = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (e.fifo_writer >= 0) return true;
+    if (errno != ENXIO || ::waitpid(e.pid, nullptr, WNOHANG) != 0) return false; /* no reader yet */
+    ::usleep(1000);
+  }
 }
 
 TEST(PidFile, ATeesimUnderAnEmulatorCounts) {
   ::teesim::testing::TempFolder folder("teesim-pid");
-  const pid_t pid = spawn_as_emulator(folder.path(), "teesim");
-  ASSERT_GT(pid, 0);
-  EXPECT_TRUE(is_running_teesim(pid));
-  end(pid);
+  FakeEmulator e;
+  ASSERT_TRUE(start(e, folder.path(), "teesim"));
+  EXPECT_TRUE(is_running_teesim(e.pid));
 }
 
 TEST(PidFile, AnEmulatorRunningAnotherProgramDoesNotCount) {
   ::teesim::testing::TempFolder folder("teesim-pid");
-  const pid_t pid = spawn_as_emulator(folder.path(), "teesim-not");
-  ASSERT_GT(pid, 0);
-  EXPECT_FALSE(is_running_teesim(pid));
-  end(pid);
+  FakeEmulator e;
+  ASSERT_TRUE(start(e, folder.path(), "teesim-not"));
+  EXPECT_FALSE(is_running_teesim(e.pid));
 }
 
 }  // namespace
