@@ -7,10 +7,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace teesim::daemon {
 namespace {
@@ -50,6 +52,26 @@ std::string read_proc_text(const char* path, size_t limit) {
   return text;
 }
 
+/* The program a qemu-user command line runs: the first word after the
+ * emulator's own that is not an option or an option's value. Only these
+ * options of the emulator take no value. Empty when there is none. */
+std::string emulated_program(const std::string& cmdline) {
+  static const char* const kFlags[] = {"-h", "-help", "-version", "-singlestep", "-one-insn-per-tb",
+                                       "-strace"};
+  std::vector<std::string> words;
+  for (size_t at = 0; at < cmdline.size();) {
+    const size_t end = std::min(cmdline.find('\0', at), cmdline.size());
+    words.push_back(cmdline.substr(at, end - at));
+    at = end + 1;
+  }
+  for (size_t i = 1; i < words.size(); ++i) {
+    const std::string& w = words[i];
+    if (w.empty() || w[0] != '-') return w;
+    if (std::find(std::begin(kFlags), std::end(kFlags), w) == std::end(kFlags)) ++i; /* its value */
+  }
+  return {};
+}
+
 std::string describe(pid_t pid) {
   if (pid <= 0) return "a process that wrote no pid into it";
   if (is_running_teesim(pid)) return "pid " + std::to_string(pid);
@@ -68,13 +90,11 @@ bool is_running_teesim(pid_t pid) {
   const std::string comm = read_proc_text(path, 32);
   if (comm == "teesim\n") return true;
   /* A daemon built for another CPU runs under qemu-user, which keeps its
-   * own name: then the program is the emulator's first argument. */
+   * own name: then the program is the first word of its command line that
+   * is not one of the emulator's options (e.g. "-L <sysroot>"). */
   if (comm.rfind("qemu-", 0) != 0) return false;
   std::snprintf(path, sizeof path, "/proc/%d/cmdline", static_cast<int>(pid));
-  const std::string cmdline = read_proc_text(path, 4096);
-  const size_t first_end = cmdline.find('\0');
-  if (first_end == std::string::npos) return false;
-  const std::string program = cmdline.substr(first_end + 1, cmdline.find('\0', first_end + 1) - first_end - 1);
+  const std::string program = emulated_program(read_proc_text(path, 4096));
   const size_t slash = program.rfind('/');
   return program.substr(slash == std::string::npos ? 0 : slash + 1) == "teesim";
 }

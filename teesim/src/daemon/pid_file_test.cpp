@@ -15,6 +15,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "teesim/testing/temp_folder.h"
 
@@ -72,8 +73,9 @@ TEST(PidFile, OnlyARunningTeesimCounts) {
   EXPECT_FALSE(is_running_teesim(-1));
 }
 
-/* A `tail <folder>/<name>` running under the command name "qemu-fake" (a
- * link to tail), blocked reading a FIFO that we hold open for writing. */
+/* A `tail [options] <folder>/<name>` running under the command name
+ * "qemu-fake" (a link to tail), blocked reading a FIFO that we hold open
+ * for writing. */
 struct FakeEmulator {
   pid_t pid = -1;
   int fifo_writer = -1;
@@ -89,13 +91,18 @@ struct FakeEmulator {
 /* Starts the fake emulator and returns once it has opened the FIFO, so its
  * exec (name and command line included) is complete: posix_spawn returns
  * before the kernel sets the new command name. */
-bool start(FakeEmulator& e, const std::string& folder, const std::string& name) {
+bool start(FakeEmulator& e, const std::string& folder, const std::string& name,
+           std::vector<std::string> options = {}) {
   const std::string link = folder + "/qemu-fake", fifo = folder + "/" + name;
   std::filesystem::create_symlink("/usr/bin/tail", link);
   if (::mkfifo(fifo.c_str(), 0600) != 0) return false;
-  std::string arg0 = link, arg1 = fifo;
-  char* argv[] = {arg0.data(), arg1.data(), nullptr};
-  if (::posix_spawn(&e.pid, link.c_str(), nullptr, nullptr, argv, environ) != 0) return false;
+  std::vector<std::string> words = {link};
+  words.insert(words.end(), options.begin(), options.end());
+  words.push_back(fifo);
+  std::vector<char*> argv;
+  for (std::string& w : words) argv.push_back(w.data());
+  argv.push_back(nullptr);
+  if (::posix_spawn(&e.pid, link.c_str(), nullptr, nullptr, argv.data(), environ) != 0) return false;
   for (;;) {
     e.fifo_writer = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     if (e.fifo_writer >= 0) return true;
@@ -108,6 +115,15 @@ TEST(PidFile, ATeesimUnderAnEmulatorCounts) {
   ::teesim::testing::TempFolder folder("teesim-pid");
   FakeEmulator e;
   ASSERT_TRUE(start(e, folder.path(), "teesim"));
+  EXPECT_TRUE(is_running_teesim(e.pid));
+}
+
+/* As qemu-user is run with a sysroot: "-L <dir>" before the program. tail
+ * takes "-n 1" the same way. */
+TEST(PidFile, ATeesimUnderAnEmulatorWithOptionsCounts) {
+  ::teesim::testing::TempFolder folder("teesim-pid");
+  FakeEmulator e;
+  ASSERT_TRUE(start(e, folder.path(), "teesim", {"-n", "1"}));
   EXPECT_TRUE(is_running_teesim(e.pid));
 }
 
