@@ -27,7 +27,7 @@
 #include <string>
 #include <vector>
 
-#include "TeesimDaemon.h"
+#include "teesim/testing/private_daemon.h"
 
 extern char** environ;
 
@@ -41,13 +41,16 @@ struct Sample {
 };
 std::vector<Sample> g_samples;
 
-keystore_test::TeesimDaemon& Daemon() {
-  const char* storage = std::getenv("CHECK_BENCH_STORAGE");
-  static keystore_test::TeesimDaemon daemon(TEESIM_DAEMON_PATH, TEESIM_TA_DIR,
-                                            storage != nullptr ? storage : "");
+teesim::testing::PrivateDaemon& Daemon() {
+  static teesim::testing::PrivateDaemon daemon([] {
+    teesim::testing::PrivateDaemon::Options options;
+    const char* storage = std::getenv("CHECK_BENCH_STORAGE");
+    if (storage != nullptr) options.parent = storage;
+    return options;
+  }());
   static const bool started = [] {
     if (!daemon.Start()) {
-      std::fprintf(stderr, "%s\n", daemon.error().c_str());
+      std::fprintf(stderr, "%s\n", daemon.Error().c_str());
       std::exit(1);
     }
     return true;
@@ -60,12 +63,12 @@ double Micros(const timeval& t) { return t.tv_sec * 1e6 + t.tv_usec; }
 
 // One whole run; false when it could not be made or did not pass.
 bool RunOnce(Sample* sample) {
-  const std::string report = Daemon().folder() + "/report.json";
+  const std::string report = Daemon().Folder() + "/report.json";
   std::vector<std::string> args = {TESSERA_CHECK_PATH, "--allow-wipe", "--json", report};
   std::vector<char*> argv;
   for (std::string& a : args) argv.push_back(&a[0]);
   argv.push_back(nullptr);
-  std::vector<std::string> env_text = {"TEESIM_SOCKET=" + Daemon().socket_path(), "TEESIM_DAEMON="};
+  std::vector<std::string> env_text = {"TEESIM_SOCKET=" + Daemon().Socket(), "TEESIM_DAEMON="};
   for (char** e = environ; *e != nullptr; ++e) {
     const std::string entry = *e;
     if (entry.rfind("TEESIM_", 0) != 0) env_text.push_back(entry);
@@ -145,7 +148,7 @@ void PrintSummary() {
     share.push_back(100.0 * (s.wall_us - s.keystore_us) / s.wall_us);
   }
   std::printf("\nThe default run (tessera-check --allow-wipe), %zu runs, medians; storage under %s:\n",
-              g_samples.size(), Daemon().folder().c_str());
+              g_samples.size(), Daemon().Folder().c_str());
   std::printf("  wall time, start to exit        %8.1f ms\n", Median(wall));
   std::printf("  of which the run itself         %8.1f ms\n", Median(run));
   std::printf("  keystore calls, summed          %8.1f ms\n", Median(keystore));
