@@ -19,6 +19,10 @@ for preset in default asan; do
   echo "==> $preset tests"
   ctest --preset "$preset"
 done
+# The benchmarks are not run here (their figures want a quiet machine), but
+# they are built, so that none of them rots or drops out unnoticed.
+echo "==> benchmarks build"
+cmake --build --preset default --target benchmarks
 # The concurrency tests of libteec, the daemon and the TA host, built with
 # ThreadSanitizer (only what they need). A report fails the test that
 # caused it (halt_on_error) and is kept in build/tsan/reports.
