@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs what is missing, builds, and runs every test: the optimised build,
-# then the ASan+UBSan build with short fuzz runs, the concurrency tests under
+# then the ASan+UBSan build with short fuzz runs, the benchmarks (built, not
+# run), the concurrency tests under
 # ThreadSanitizer, then the Debian packages built and installed into a fresh
 # Debian root (packaging/tests/install_test.py); then, for ARM, the arm64
 # build's end-to-end keystore and scenario tests under qemu-user and the
