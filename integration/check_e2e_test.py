@@ -85,12 +85,7 @@ class CheckerTestCase(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         ta_dir = ARGS.ta_dir if cls.TA_DIR is None else os.path.join(ARGS.faulty_ta_dir, cls.TA_DIR)
-        cls.daemon = console_harness.TeesimDaemon(ARGS.teesim, ta_dir)
-        try:
-            cls.daemon.start()
-        except BaseException:
-            cls.daemon.close()
-            raise
+        cls.daemon = console_harness.started_daemon(ARGS.teesim, ta_dir)
 
     @classmethod
     def tearDownClass(cls):

@@ -200,12 +200,7 @@ class ScenarioTestCase(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        cls.daemon = console_harness.TeesimDaemon(ARGS.teesim, ARGS.ta_dir)
-        try:
-            cls.daemon.start()
-        except BaseException:
-            cls.daemon.close()
-            raise
+        cls.daemon = console_harness.started_daemon(ARGS.teesim, ARGS.ta_dir)
 
     @classmethod
     def tearDownClass(cls):

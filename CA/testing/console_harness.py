@@ -467,6 +467,17 @@ class TeesimDaemon:
         self.running = False
 
 
+def started_daemon(daemon, ta_dir):
+    """A TeesimDaemon that serves already; closed again when it cannot start."""
+    d = TeesimDaemon(daemon, ta_dir)
+    try:
+        d.start()
+    except BaseException:
+        d.close()
+        raise
+    return d
+
+
 def _read_text(path):
     try:
         with open(path, encoding="utf-8", errors="replace") as f:
